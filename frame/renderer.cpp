@@ -1,0 +1,59 @@
+#include "frame/renderer.h"
+
+#include <algorithm>
+
+#include "frame/report.h"
+#include "qz.h"
+
+Renderer renderer;
+RayCounters rayCounters;
+
+void resetRayCounters() {
+  rayCounters.closest = 0;
+  rayCounters.shadow = 0;
+  rayCounters.probe = 0;
+}
+
+uint64_t totalRays() { return rayCounters.closest + rayCounters.shadow + rayCounters.probe; }
+
+void restoreRendererDefaults() {
+  renderer.photon_depth = 16;
+  renderer.ray_depth = 8;
+  renderer.sample = 64;
+  renderer.bounce = 1;
+  renderer.radius = 0;
+  renderer.resolution = 0;
+  renderer.elapsed = 0;
+  renderer.final_gather = false;
+}
+
+void qzSetRendererBounce(int bounce) { renderer.bounce = bounce; }
+void qzSetRendererResolution(float resolution) { renderer.resolution = resolution; }
+void qzSetRendererRadius(float radius) { renderer.radius = radius; }
+void qzSetRendererSample(int sample) { renderer.sample = sample; }
+void qzSetRendererRayDepth(int depth) { renderer.ray_depth = depth; }
+void qzSetRendererPhotonDepth(int depth) { renderer.photon_depth = depth; }
+void qzSetRendererClamp(float r, float g, float b) { renderer.clamp = {r, g, b}; }
+void qzSetRendererError(float r, float g, float b) { renderer.error = {r, g, b}; }
+void qzSetDisplayGamma(float gamma) { renderer.display_gamma = gamma; }
+void qzSetPreviewWindow(bool preview) { renderer.preview = preview; }
+
+void qzInitializeRenderer() {
+  for (int c = 0; c < 3; ++c) renderer.clamp[c] = std::max(renderer.clamp[c], 0.0f);
+  renderer.camera = 0;
+  resetRayCounters();
+  renderer.ray_depth = std::max(renderer.ray_depth, 1);
+  renderer.photon_depth = std::max(renderer.photon_depth, 1);
+  if (renderer.resolution > 0) renderer.final_gather = true;
+  resetRayCounters();
+  renderer.geometry_light_sample = renderer.sample;
+  renderer.sky_light_sample = renderer.sample;
+  printIntegerRow("renderer sample", renderer.sample, "n/a");
+  printRule();
+}
+
+void qzFinalizeRenderer() {
+  renderer.radius = 0;
+  renderer.resolution = 0;
+  restoreRendererDefaults();
+}

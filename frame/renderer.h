@@ -1,0 +1,42 @@
+// The renderer settings: single module-level values shared by every pass.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "frame/vec.h"
+
+struct Renderer {
+  int bounce = 1;
+  float resolution = 0;  // final-gather patch size; above 0 turns the final gather on
+  float radius = 0;      // photon gather radius
+  int sample = 64;
+  int ray_depth = 8;
+  int photon_depth = 16;
+  Color3f clamp{infinity, infinity, infinity};
+  Color3f error = black;
+  float display_gamma = 2.2f;
+  float exposure = 0;  // kept for scene files; nothing reads it
+  bool final_gather = false;
+  bool preview = false;
+  uint16_t pass = 0;
+  int64_t elapsed = 0;  // microseconds inside the parallel loops of the current pass
+  int camera = 0;       // only the first camera is ever rendered
+  // The lights keep their own copies of the sample count.
+  int geometry_light_sample = 64;
+  int sky_light_sample = 64;
+};
+
+struct RayCounters {
+  std::atomic<uint64_t> closest{0};
+  std::atomic<uint64_t> shadow{0};
+  std::atomic<uint64_t> probe{0};
+};
+
+extern Renderer renderer;
+extern RayCounters rayCounters;
+
+void resetRayCounters();
+uint64_t totalRays();
+// Restores the settings that a render block or finalisation starts from.
+void restoreRendererDefaults();

@@ -1,0 +1,24 @@
+// The console report: aligned rows divided by rules, on standard output.
+// Row names carry their own blanks; nothing here pads a name.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+void printRule();
+void printFloatValue(float value, int precision);
+void printRow(const std::string& name, float value, const std::string& unit, int precision = 3);
+void printIntegerRow(const std::string& name, int64_t value, const std::string& unit);
+void printTripleRow(const std::string& name, float a, float b, float c, const std::string& unit);
+// Memory of an array: element size, count and mebibytes; nothing when empty.
+void printArrayRow(const std::string& name, int64_t elementSize, int64_t count, const std::string& unit);
+void printVec3Value(float x, float y, float z);
+void printProgress(int percent, float raysPerMicrosecond);
+void printWarning(const std::string& message);
+void printError(const std::string& message);
+void printBytesRow(const std::string& name, int64_t bytes);
+
+// Monotonic high-resolution clock in nanoseconds.
+int64_t clockNanoseconds();
+// The processor clock in milliseconds, used to time scene loading.
+int64_t processorMilliseconds();

@@ -1,0 +1,44 @@
+#include "frame/scene_directory.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "frame/report.h"
+#include "frame/scene_file.h"
+#include "qz.h"
+#include "shading/image.h"
+
+std::string sceneDirectory;
+std::vector<std::string> geometrySearchPaths;
+
+bool dispatchBlock(const std::string& keyword, std::istream& file) {
+  (void)keyword;
+  (void)file;
+  return false;
+}
+
+void readSceneFile(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) return;
+  std::string text;
+  while (readLine(file, text)) {
+    if (text.empty() || text[0] == '#') continue;
+    std::istringstream words(text);
+    std::string keyword;
+    words >> keyword;
+    // The rest of a keyword's line is ignored: the block's keys start on the next line.
+    dispatchBlock(keyword, file);
+  }
+}
+
+void qzLoadScene(const char* directory) {
+  const std::string d = directory ? directory : "";
+  imageSearchPaths.clear();
+  for (const std::string& path : {d + "image", d, std::string()}) addImageSearchPath(path);
+  geometrySearchPaths = {d + "geometry", d, std::string()};
+  sceneDirectory = d;
+  int64_t start = processorMilliseconds();
+  for (const char* folder : {"/shader", "/render", "/light", "/camera", "/geometry"}) readSceneFolder(d + folder);
+  printRow("scene loading", float(processorMilliseconds() - start) * 0.001f, "seconds", 3);
+  printRule();
+}

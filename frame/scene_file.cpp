@@ -1,0 +1,55 @@
+#include "frame/scene_file.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+bool readLine(std::istream& file, std::string& text) {
+  if (!std::getline(file, text)) return false;
+  // Lines keep to the 4095 characters of the reader's buffer; CRLF files read as LF files.
+  if (text.size() > 4095) text.resize(4095);
+  if (!text.empty() && text.back() == '\r') text.pop_back();
+  return true;
+}
+
+bool nextKey(std::istream& file, SceneLine& line) {
+  while (readLine(file, line.text)) {
+    if (!line.text.empty() && line.text[0] == '#') continue;
+    line.words.clear();
+    line.words.str(line.text);
+    line.key.clear();
+    line.words >> line.key;
+    return line.key != "end";
+  }
+  return false;
+}
+
+std::string readQuotedString(SceneLine& line) {
+  std::string rest;
+  std::getline(line.words, rest);
+  size_t open = rest.find('"');
+  if (open == std::string::npos) return {};
+  size_t close = rest.find('"', open + 1);
+  std::string value = rest.substr(open + 1, close == std::string::npos ? std::string::npos : close - open - 1);
+  // Whatever follows the closing quote stays readable for further values.
+  line.words.clear();
+  line.words.str(close == std::string::npos ? std::string() : rest.substr(close + 1));
+  return value;
+}
+
+void readFloats(SceneLine& line, float* values, int count) {
+  for (int i = 0; i < count; ++i) line.words >> values[i];
+}
+
+void readSceneFolder(const std::string& path) {
+  std::vector<std::string> files;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(path, error)) {
+    const std::string name = entry.path().filename().string();
+    if (name.size() > 3 && name.ends_with(".qz")) files.push_back(path + "/" + name);
+  }
+  // Order within a folder must not matter to a scene; sorting makes runs repeatable.
+  std::sort(files.begin(), files.end());
+  for (const std::string& file : files) readSceneFile(file);
+}

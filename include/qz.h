@@ -1,0 +1,64 @@
+/* quazel: the exported functions of libquazel.so.
+   A host holds integer indices only; every record lives inside the library. */
+#pragma once
+
+#ifdef __cplusplus
+#define QZ_API extern "C" __attribute__((visibility("default")))
+#else
+#define QZ_API __attribute__((visibility("default")))
+#include <stdbool.h>
+#endif
+
+/* Lifecycle */
+QZ_API void qzStartup();
+QZ_API void qzInitialize();
+QZ_API void qzRender();
+QZ_API void qzFinalize();
+QZ_API void qzShutdown();
+QZ_API void qzGo(const char* directory);
+QZ_API void qzLoadScene(const char* directory);
+QZ_API void qzRenderPixels(int count, float* pixels, int pass);
+QZ_API void qzLoadFile(const char* path);
+QZ_API void qzSaveBeauty(const char* path);
+
+/* Per-module preparation and teardown */
+QZ_API void qzInitializeAccelerator();
+QZ_API void qzFinalizeAccelerator();
+QZ_API void qzInitializeCameras();
+QZ_API void qzFinalizeCameras();
+QZ_API void qzInitializeGaffer();
+QZ_API void qzFinalizeGaffer();
+QZ_API void qzInitializeShaders();
+QZ_API void qzFinalizeShaders();
+QZ_API void qzInitializeSkyLight();
+QZ_API void qzFinalizeSkyLight();
+QZ_API void qzInitializeGeometryLight();
+QZ_API void qzFinalizeGeometryLight();
+QZ_API void qzInitializeRenderer();
+QZ_API void qzFinalizeRenderer();
+
+/* Renderer settings: stored as given, clamped when the renderer is prepared */
+QZ_API void qzSetRendererBounce(int bounce);
+QZ_API void qzSetRendererResolution(float resolution);
+QZ_API void qzSetRendererRadius(float radius);
+QZ_API void qzSetRendererSample(int sample);
+QZ_API void qzSetRendererRayDepth(int depth);
+QZ_API void qzSetRendererPhotonDepth(int depth);
+QZ_API void qzSetRendererClamp(float r, float g, float b);
+QZ_API void qzSetRendererError(float r, float g, float b);
+QZ_API void qzSetDisplayGamma(float gamma);
+QZ_API void qzSetPreviewWindow(bool preview);
+
+/* Images */
+QZ_API int qzAddImage();
+QZ_API void qzSetImageName(int image, const char* name);
+QZ_API void qzCreateImage(int image, int width, int height);
+QZ_API bool qzLoadImage(int image);
+QZ_API bool qzSaveImage(int image);
+QZ_API void qzSetImageColor(int image, int x, int y, float r, float g, float b);
+#ifdef __cplusplus
+QZ_API void qzGetImageColor(int image, int x, int y, float& r, float& g, float& b);
+#endif
+
+/* Cameras */
+QZ_API void qzSetCameraName(int camera, const char* name);

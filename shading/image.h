@@ -1,0 +1,58 @@
+// Images: rasters at the bit depth of their source, named by their file path.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "frame/vec.h"
+
+struct Image {
+  uint8_t loaded = 0;
+  std::vector<uint8_t> bits;  // depth 1
+  std::vector<uint8_t> bytes;
+  std::vector<uint16_t> words;
+  std::vector<float> floats;
+  std::vector<double> doubles;
+  std::vector<uint8_t> shared;  // red, green, blue, shared exponent
+  std::string name;
+  int32_t depth = 32;
+  int32_t channels = 3;
+  int32_t width = 0;
+  int32_t height = 0;
+  uint8_t sharedExponent = 0;
+  uint8_t packFloats = 1;
+};
+
+// What sampleImage reads of a texture node: addressing, filter and the two transforms.
+enum class PixelSampler : uint8_t { nearest, bilinear, stochastic };
+
+struct ImageLookup {
+  PixelSampler pixel_sampler = PixelSampler::stochastic;
+  uint8_t wrapU = 0, wrapV = 0;  // 0 repeat, 1 clamp, anything else unchecked
+  float gamma = 1;
+  uint8_t uvIdentity = 1;
+  float uv_matrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  uint8_t colorIdentity = 1;
+  Matrix4f color_matrix;
+};
+
+extern std::vector<Image> images;
+extern std::vector<std::string> imageSearchPaths;
+
+void startImages();
+void stopImages();
+void addImageSearchPath(const std::string& path);
+int findOrAddImage(const std::string& name);
+void allocateImage(Image& image, int width, int height, int channels, int depth, uint8_t sharedExponent);
+Color3f readPixel(const Image& image, int64_t p);
+void writePixel(Image& image, Color3f color, int64_t p);
+bool loadImage(Image& image);
+bool saveImage(const Image& image);
+void freeImage(Image& image);
+// Loads every named record in array order; failures are reported and skipped.
+void loadImages();
+void freeImages();
+int64_t addressPixel(const Image& image, int x, int y, uint8_t wrapU, uint8_t wrapV);
+Color3f sampleImage(const Image& image, float u, float v, const ImageLookup& lookup);
+void imageStatistics(const Image& image, Color3f& mean, Color3f& variance);

@@ -1,0 +1,25 @@
+#include "tests/test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <iostream>
+
+#include "qz.h"
+
+std::string captureOutput(const std::function<void()>& body) {
+  std::cout.flush();
+  testing::internal::CaptureStdout();
+  body();
+  std::cout.flush();
+  return testing::internal::GetCapturedStdout();
+}
+
+std::string scratchFolder(const std::string& name) {
+  auto path = std::filesystem::temp_directory_path() / ("quazel-test-" + name);
+  std::filesystem::remove_all(path);
+  std::filesystem::create_directories(path);
+  return path.string();
+}
+
+void quietStartup() { captureOutput([] { qzStartup(); }); }
