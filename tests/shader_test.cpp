@@ -2,6 +2,8 @@
 // flags that preparation derives.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -27,7 +29,7 @@ void freshStartup() {
 
 // Writes the text as one file of a scene's shader folder and loads the scene.
 void loadShaderText(const std::string& name, const std::string& text) {
-  const std::string root = scratchFolder(name);
+  const std::string root = scratchFolder(name + "-" + std::to_string(getpid()));
   std::filesystem::create_directories(root + "/shader");
   std::ofstream(root + "/shader/a.qz") << text;
   captureOutput([&] { qzLoadScene((root + "/").c_str()); });
@@ -36,7 +38,7 @@ void loadShaderText(const std::string& name, const std::string& text) {
 // A small image on disk, for shaders whose nodes really load one.
 std::string imageFile() {
   static const std::string path = [] {
-    const std::string file = scratchFolder("shader-image") + "/grey.png";
+    const std::string file = scratchFolder("shader-image-" + std::to_string(getpid())) + "/grey.png";
     const int id = qzAddImage();
     qzSetImageName(id, file.c_str());
     qzCreateImage(id, 2, 2);

@@ -2,6 +2,8 @@
 // the colour, vector and normal evaluations.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
 #include <sstream>
 
@@ -41,7 +43,7 @@ class TextureNodeImage : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     quietStartup();
-    path = scratchFolder("texture-node") + "/checker.png";
+    path = scratchFolder("texture-node-" + std::to_string(getpid())) + "/checker.png";
     const int id = qzAddImage();
     qzSetImageName(id, path.c_str());
     qzCreateImage(id, 4, 4);
