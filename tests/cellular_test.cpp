@@ -3,6 +3,8 @@
 // data/cellular_reference.py, which computes the hash, the distances (with the
 // running sum of the outer ring), the spiral and the stone sums from the
 // formulas alone, in Python integers and doubles.
+#include "shading/cellular.h"
+
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -10,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "shading/cellular.h"
 #include "shading/flake_stone.h"
 
 namespace {
@@ -109,8 +110,8 @@ TEST(Stone, SumsTheLevelsAsTheReference) {
     Vec3f p, expected;
     uint32_t seed;
     StoneLayer stone;
-    in >> p.x >> p.y >> p.z >> seed >> stone.weathering >> stone.density >> stone.scale >> stone.level >>
-        expected.x >> expected.y >> expected.z;
+    in >> p.x >> p.y >> p.z >> seed >> stone.weathering >> stone.density >> stone.scale >> stone.level >> expected.x >>
+        expected.y >> expected.z;
     prepareLayer(stone);
     const Vec3f got = evaluateStone(stone, surfaceAt(p, seed));
     EXPECT_NEAR(got.x, expected.x, 1e-5) << line;

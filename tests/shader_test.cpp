@@ -1,7 +1,8 @@
 // Shaders: the fallback shader, the `shader` block, the setters, and the
 // flags that preparation derives.
-#include <gtest/gtest.h>
+#include "shading/shader.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -12,7 +13,6 @@
 
 #include "qz.h"
 #include "shading/image.h"
-#include "shading/shader.h"
 #include "tests/test_util.h"
 
 namespace {
@@ -162,20 +162,21 @@ TEST(ShaderBlock, ScratchNodeKeepsFilterButNotColourBetweenChannels) {
 
 TEST(ShaderBlock, GeometryAndVolumeSubBlocks) {
   freshStartup();
-  loadShaderText("shader-geometry",
-                 "shader\n"
-                 "  name \"g\"\n"
-                 "  geometry\n"
-                 "    opacity\n      color 0.5 0.5 0.5\n    end\n"
-                 "    height\n      color 0.1 0.1 0.1\n      sampler\n        pixel_sampler \"nearest\"\n      end\n    end\n"
-                 "    height\n      level 3\n    end\n"
-                 "    vector\n    end\n"
-                 "    radius\n    end\n"
-                 "    round_corner 2\n    smooth_angle 30\n"
-                 "    camera_primary\n    flip_face\n    automatic_hair_uv\n"
-                 "  end\n"
-                 "  volume\n    density 0.5\n    ior 1.33\n    albedo 0.9 0.8 0.7\n  end\n"
-                 "end\n");
+  loadShaderText(
+      "shader-geometry",
+      "shader\n"
+      "  name \"g\"\n"
+      "  geometry\n"
+      "    opacity\n      color 0.5 0.5 0.5\n    end\n"
+      "    height\n      color 0.1 0.1 0.1\n      sampler\n        pixel_sampler \"nearest\"\n      end\n    end\n"
+      "    height\n      level 3\n    end\n"
+      "    vector\n    end\n"
+      "    radius\n    end\n"
+      "    round_corner 2\n    smooth_angle 30\n"
+      "    camera_primary\n    flip_face\n    automatic_hair_uv\n"
+      "  end\n"
+      "  volume\n    density 0.5\n    ior 1.33\n    albedo 0.9 0.8 0.7\n  end\n"
+      "end\n");
   Shader& s = shaders[findOrAddShader("g")];
   const ShaderGeometry& g = s.geometry;
   EXPECT_EQ(g.opacity.color, Color3f(0.5f, 0.5f, 0.5f));
@@ -277,13 +278,17 @@ struct FlagCase {
 
 TEST(ShaderPreparation, DerivedFlags) {
   const std::string image = imageFile();
-  auto color = [](int id, int side, int channel, float r, float g, float b) { qzSetShaderColor(id, side, channel, r, g, b); };
+  auto color = [](int id, int side, int channel, float r, float g, float b) {
+    qzSetShaderColor(id, side, channel, r, g, b);
+  };
   auto smooth = [&](int id) { color(id, 3, roughnessChannel, 1, 1, 0); };
   const FlagCase cases[] = {
       {"defaults: zero roughness asks for the surface normal", [](int) {}, 0, 0, 1, 0, 0, 0},
       {"roughness 1 on both sides, no images", smooth, 1, 0, 0, 0, 0, 0},
-      {"unequal roughness without glossy", [&](int id) { color(id, 3, roughnessChannel, 1.5f, 2, 0); }, 1, 0, 0, 0, 0, 0},
-      {"only the back below 1", [&](int id) { smooth(id), color(id, 2, roughnessChannel, 1, 0.5f, 0); }, 0, 0, 1, 0, 0, 0},
+      {"unequal roughness without glossy", [&](int id) { color(id, 3, roughnessChannel, 1.5f, 2, 0); }, 1, 0, 0, 0, 0,
+       0},
+      {"only the back below 1", [&](int id) { smooth(id), color(id, 2, roughnessChannel, 1, 0.5f, 0); }, 0, 0, 1, 0, 0,
+       0},
       {"rough glossy front",
        [&](int id) { smooth(id), color(id, 1, roughnessChannel, 0.3f, 0.3f, 0), color(id, 1, glossyChannel, 1, 1, 1); },
        0, 0, 1, 0, 1, 0},
@@ -294,12 +299,17 @@ TEST(ShaderPreparation, DerivedFlags) {
        [&](int id) { smooth(id), color(id, 2, roughnessChannel, 0.2f, 0.2f, 0), color(id, 2, glossyChannel, 1, 1, 1); },
        0, 0, 1, 0, 0, 1},
       {"glossy with roughness 1 and 2 is anisotropic",
-       [&](int id) { color(id, 1, roughnessChannel, 1, 2, 0), color(id, 1, glossyChannel, 1, 1, 1), color(id, 2, roughnessChannel, 1, 1, 0); },
+       [&](int id) {
+         color(id, 1, roughnessChannel, 1, 2, 0), color(id, 1, glossyChannel, 1, 1, 1),
+             color(id, 2, roughnessChannel, 1, 1, 0);
+       },
        1, 1, 0, 0, 1, 0},
-      {"a loaded diffuse image", [&](int id) { smooth(id), qzSetShaderImage(id, 1, diffuseChannel, image.c_str(), 1, nullptr, nullptr); },
-       0, 0, 0, 1, 0, 0},
-      {"an image that fails to load", [&](int id) { smooth(id), qzSetShaderImage(id, 1, diffuseChannel, "nowhere.png", 1, nullptr, nullptr); },
-       1, 0, 0, 0, 0, 0},
+      {"a loaded diffuse image",
+       [&](int id) { smooth(id), qzSetShaderImage(id, 1, diffuseChannel, image.c_str(), 1, nullptr, nullptr); }, 0, 0,
+       0, 1, 0, 0},
+      {"an image that fails to load",
+       [&](int id) { smooth(id), qzSetShaderImage(id, 1, diffuseChannel, "nowhere.png", 1, nullptr, nullptr); }, 1, 0,
+       0, 0, 0, 0},
       {"a roughness image with glossy",
        [&](int id) {
          smooth(id), color(id, 1, glossyChannel, 1, 1, 1);
@@ -330,7 +340,7 @@ TEST(ShaderPreparation, SideFlagsAndTheOnceOnlyGuard) {
   const int id = qzAddShader();
   qzSetShaderColor(id, 2, emissionChannel, 0, 0, 2e-6f);
   qzSetShaderColor(id, 1, jitterChannel, 0.1f, 0.1f, 0.1f);
-  qzSetShaderFlake(id, 2, jitterChannel, 1, 1, 1, 0, 0, 0);  // a flake colour counts even when switched off
+  qzSetShaderFlake(id, 2, jitterChannel, 1, 1, 1, 0, 0, 0);      // a flake colour counts even when switched off
   qzSetShaderColor(id, 1, diffuseChannel, 1e-6f, 1e-6f, 1e-6f);  // not above the threshold
   qzSetShaderFlake(id, 2, diffuseChannel, 0.5f, 0, 0, 0.1f, 0.5f, 0);
   qzSetShaderColor(id, 1, normalChannel, 1, 1, 1);

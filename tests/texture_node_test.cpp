@@ -1,7 +1,8 @@
 // Texture nodes: the node block, preparation against a real image file, and
 // the colour, vector and normal evaluations.
-#include <gtest/gtest.h>
+#include "shading/texture_node.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -10,7 +11,6 @@
 #include "frame/report.h"
 #include "qz.h"
 #include "shading/image.h"
-#include "shading/texture_node.h"
 #include "tests/test_util.h"
 
 namespace {
@@ -48,7 +48,8 @@ class TextureNodeImage : public testing::Test {
     qzSetImageName(id, path.c_str());
     qzCreateImage(id, 4, 4);
     for (int y = 0; y < 4; ++y)
-      for (int x = 0; x < 4; ++x) qzSetImageColor(id, x, y, (x * 60 + 10) / 255.0f, (y * 70 + 5) / 255.0f, (x + y) * 30 / 255.0f);
+      for (int x = 0; x < 4; ++x)
+        qzSetImageColor(id, x, y, (x * 60 + 10) / 255.0f, (y * 70 + 5) / 255.0f, (x + y) * 30 / 255.0f);
     ASSERT_TRUE(qzSaveImage(id));
     freeImages();
   }
@@ -107,7 +108,7 @@ TEST(TextureNodeBlock, ReadsKeysSamplerAndLayers) {
 }
 
 TEST(TextureNodeBlock, SideWordsAndSamplerWords) {
-  const std::pair<const char*, int> words[] = {{"both", 3}, {"face", 1}, {"back", 2}, {"outer", 1},
+  const std::pair<const char*, int> words[] = {{"both", 3},  {"face", 1}, {"back", 2}, {"outer", 1},
                                                {"inner", 2}, {"tip", 1},  {"root", 2}};
   for (auto [word, side] : words) {
     EXPECT_EQ(readNode(std::string("side \"") + word + "\"\n").side, side) << word;
@@ -128,8 +129,9 @@ TEST(TextureNodeBlock, DefaultsAndReset) {
   EXPECT_EQ(node.pixel_sampler, PixelSampler::stochastic);
   EXPECT_EQ(node.level, 1);
   EXPECT_EQ(node.image, -1);
-  node = readNode("color 1 2 3\nlevel 4\nimage \"a.png\"\nside \"both\"\nflake\ndensity 1\nend\n"
-                  "sampler\nuv_matrix 3 0 0 0 3 0 0 0 1\nend\n");
+  node = readNode(
+      "color 1 2 3\nlevel 4\nimage \"a.png\"\nside \"both\"\nflake\ndensity 1\nend\n"
+      "sampler\nuv_matrix 3 0 0 0 3 0 0 0 1\nend\n");
   node.shift[1][2] = 0.5f;
   resetNode(node);
   EXPECT_EQ(node.color, black);
@@ -155,7 +157,8 @@ TEST_F(TextureNodeImage, BilinearBlendsFourAndStochasticConvergesToIt) {
   node.pixel_sampler = PixelSampler::bilinear;
   prepare();
   // fx = 1.25, fy = 2.75: texels (1, 2), (2, 2), (1, 3), (2, 3).
-  const Color3f want = (texel(1, 2) * 0.75f + texel(2, 2) * 0.25f) * 0.25f + (texel(1, 3) * 0.75f + texel(2, 3) * 0.25f) * 0.75f;
+  const Color3f want =
+      (texel(1, 2) * 0.75f + texel(2, 2) * 0.25f) * 0.25f + (texel(1, 3) * 0.75f + texel(2, 3) * 0.25f) * 0.75f;
   expectColor(at(1.25f / 4, 2.75f / 4), want, 1e-5f);
 
   node.pixel_sampler = PixelSampler::stochastic;

@@ -1,11 +1,12 @@
 // Volumes: the block, preparation and the sampling rules of the medium.
+#include "shading/volume.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <sstream>
 
 #include "frame/sampling.h"
-#include "shading/volume.h"
 
 namespace {
 ShaderVolume prepared(float density, float averageCosine = 0) {
