@@ -45,18 +45,33 @@ void qzStartup() {
 }
 
 void qzInitialize() {
+  qzInitializeCameras();
   loadImages();
   qzInitializeRenderer();
 }
 
 void qzFinalize() {
   qzFinalizeRenderer();
+  qzFinalizeCameras();
   freeImages();
 }
 
 void qzShutdown() {
   releaseNumberTables();
   stopImages();
+}
+
+void qzGo(const char* directory) {
+  qzStartup();
+  qzLoadScene(directory);
+  qzInitialize();
+  qzRender();
+  if (renderer.preview) {
+    std::cout << "         click to close the preview window. happy rendering. thank you!         " << std::endl;
+    printRule();
+  }
+  qzFinalize();
+  qzShutdown();
 }
 
 // Kept so that older hosts still link; they do nothing.

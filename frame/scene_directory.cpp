@@ -5,6 +5,8 @@
 
 #include "frame/report.h"
 #include "frame/scene_file.h"
+#include "output/camera.h"
+#include "output/render_loop.h"
 #include "qz.h"
 #include "shading/image.h"
 
@@ -12,9 +14,16 @@ std::string sceneDirectory;
 std::vector<std::string> geometrySearchPaths;
 
 bool dispatchBlock(const std::string& keyword, std::istream& file) {
-  (void)keyword;
-  (void)file;
-  return false;
+  if (keyword == "render") {
+    readRenderBlock(file);
+  } else if (keyword == "camera") {
+    Camera camera;
+    readCameraBlock(file, camera);
+    cameras.push_back(std::move(camera));
+  } else {
+    return false;
+  }
+  return true;
 }
 
 void readSceneFile(const std::string& path) {
