@@ -2,7 +2,7 @@
 #include "output/aov.h"
 
 #include <ctime>
-#include <new>
+#include <exception>
 
 #include "frame/renderer.h"
 #include "frame/report.h"
@@ -110,7 +110,7 @@ void prepareAOV(CameraAOV& aov, int width, int height) {
   if (width > 0) {
     try {
       allocateImage(image, width, height, 3, 32, 0);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
       // A resolution beyond memory leaves the framebuffer empty rather than ending the run.
       image.floats = {};
       image.width = image.height = 0;

@@ -91,6 +91,8 @@ void prepareCamera(Camera& camera) {
     prepareAOV(aov, camera.width, camera.height);
     bytes += aovBytes(aov);
   }
+  // A framebuffer that could not be had leaves nothing to render into.
+  if (camera.aovs[0].image.floats.empty()) r.max_x = r.min_x, r.max_y = r.min_y;
   printBytesRow("framebuffers", bytes);
   printRule();
 }
