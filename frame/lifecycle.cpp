@@ -47,6 +47,7 @@ void qzStartup() {
 }
 
 void qzInitialize() {
+  qzInitializeCameras();
   loadImages();
   qzInitializeShaders();
   qzInitializeRenderer();
@@ -54,6 +55,7 @@ void qzInitialize() {
 
 void qzFinalize() {
   qzFinalizeRenderer();
+  qzFinalizeCameras();
   qzFinalizeShaders();
   freeImages();
 }
@@ -61,6 +63,19 @@ void qzFinalize() {
 void qzShutdown() {
   releaseNumberTables();
   stopImages();
+}
+
+void qzGo(const char* directory) {
+  qzStartup();
+  qzLoadScene(directory);
+  qzInitialize();
+  qzRender();
+  if (renderer.preview) {
+    std::cout << "         click to close the preview window. happy rendering. thank you!         " << std::endl;
+    printRule();
+  }
+  qzFinalize();
+  qzShutdown();
 }
 
 // Kept so that older hosts still link; they do nothing.
