@@ -9,6 +9,7 @@
 #include "frame/sampling.h"
 #include "qz.h"
 #include "shading/image.h"
+#include "shading/shader.h"
 
 namespace {
 // The reference permutation of the classic gradient noise. Startup copies it
@@ -42,15 +43,18 @@ void qzStartup() {
   printIntegerRow("number of processors", omp_get_num_procs(), "n/a");
   printRule();
   restoreRendererDefaults();
+  createDefaultShader();
 }
 
 void qzInitialize() {
   loadImages();
+  qzInitializeShaders();
   qzInitializeRenderer();
 }
 
 void qzFinalize() {
   qzFinalizeRenderer();
+  qzFinalizeShaders();
   freeImages();
 }
 
