@@ -47,6 +47,7 @@ void qzStartup() {
 }
 
 void qzInitialize() {
+  qzInitializeAccelerator();
   loadImages();
   qzInitializeShaders();
   qzInitializeRenderer();
@@ -54,6 +55,7 @@ void qzInitialize() {
 
 void qzFinalize() {
   qzFinalizeRenderer();
+  qzFinalizeAccelerator();
   qzFinalizeShaders();
   freeImages();
 }

@@ -7,6 +7,7 @@
 
 #include "frame/report.h"
 #include "qz.h"
+#include "shading/shader.h"
 
 std::vector<Object> objects;
 
@@ -157,4 +158,11 @@ void qzSetInstance(int object, int instance, int target, const float* matrix) {
   if (!i) return;
   i->object = target;
   if (matrix) std::memcpy(i->matrix.m, matrix, sizeof i->matrix.m);
+}
+
+void qzOverrideShader(int object, int instance, const char* from, const char* to) {
+  Instance* i = findInstance(object, instance);
+  if (!i) return;
+  const int source = findOrAddShader(from ? from : "");
+  i->overrides[source] = findOrAddShader(to ? to : "");
 }
