@@ -9,6 +9,7 @@
 #include "frame/sampling.h"
 #include "qz.h"
 #include "shading/image.h"
+#include "shading/slope_tables.h"
 
 namespace {
 // The reference permutation of the classic gradient noise. Startup copies it
@@ -42,6 +43,7 @@ void qzStartup() {
   printIntegerRow("number of processors", omp_get_num_procs(), "n/a");
   printRule();
   restoreRendererDefaults();
+  buildSlopeTables();
 }
 
 void qzInitialize() {
