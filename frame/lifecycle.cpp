@@ -9,7 +9,11 @@
 #include "frame/sampling.h"
 #include "qz.h"
 #include "shading/image.h"
+<<<<<<< HEAD
 #include "shading/slope_tables.h"
+=======
+#include "shading/shader.h"
+>>>>>>> issue-4
 
 namespace {
 // The reference permutation of the classic gradient noise. Startup copies it
@@ -44,15 +48,18 @@ void qzStartup() {
   printRule();
   restoreRendererDefaults();
   buildSlopeTables();
+  createDefaultShader();
 }
 
 void qzInitialize() {
   loadImages();
+  qzInitializeShaders();
   qzInitializeRenderer();
 }
 
 void qzFinalize() {
   qzFinalizeRenderer();
+  qzFinalizeShaders();
   freeImages();
 }
 

@@ -7,13 +7,16 @@
 #include "frame/scene_file.h"
 #include "qz.h"
 #include "shading/image.h"
+#include "shading/shader.h"
 
 std::string sceneDirectory;
 std::vector<std::string> geometrySearchPaths;
 
 bool dispatchBlock(const std::string& keyword, std::istream& file) {
-  (void)keyword;
-  (void)file;
+  if (keyword == "shader") {
+    defineShaderFromBlock(file);
+    return true;
+  }
   return false;
 }
 

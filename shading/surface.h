@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "frame/sampling.h"
 #include "frame/vec.h"
 
 // How a ray came to be; the integrator keeps it in the ray that leaves a lobe.
@@ -51,3 +52,16 @@ struct Surface {
   // The hit's chain of placements; seeds the procedural layers so instances differ.
   uint32_t instance_id = 0;
 };
+
+// Makes `normal` the frame's normal and turns the tangents about it, keeping
+// the tangent's direction where it is not parallel to the new normal.
+inline void setShadingNormal(Surface& surface, Vec3f normal) {
+  surface.normal = normal;
+  const Vec3f b = cross(normal, surface.tangent);
+  if (lengthSquared(b) < 1e-8f) {
+    buildOrthonormalBasis(normal, surface.tangent, surface.bitangent);
+    return;
+  }
+  surface.bitangent = normalize(b);
+  surface.tangent = normalize(cross(surface.bitangent, normal));
+}
