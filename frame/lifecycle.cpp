@@ -9,11 +9,8 @@
 #include "frame/sampling.h"
 #include "qz.h"
 #include "shading/image.h"
-<<<<<<< HEAD
-#include "shading/slope_tables.h"
-=======
 #include "shading/shader.h"
->>>>>>> issue-4
+#include "shading/slope_tables.h"
 
 namespace {
 // The reference permutation of the classic gradient noise. Startup copies it
