@@ -2,6 +2,7 @@
 // eight-lane nodes that traversal reads.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -53,7 +54,10 @@ inline uint8_t referenceCount(uint64_t reference) { return uint8_t(reference >> 
 constexpr int maxBuildDepth = 128;
 
 // x (y + z) + y z of the extents, each clamped to at least 0.
-float halfArea(Vec3f min, Vec3f max);
+inline float halfArea(Vec3f min, Vec3f max) {
+  float x = std::max(max.x - min.x, 0.0f), y = std::max(max.y - min.y, 0.0f), z = std::max(max.z - min.z, 0.0f);
+  return x * (y + z) + y * z;
+}
 // The first lane whose low word is 0xFFFFFFFF, or 8.
 int firstFreeLane(const BvhNode& node);
 

@@ -45,8 +45,8 @@ bool contains(const Box& box, const BuildEntry& e) {
          e.max.y <= box.max.y && e.max.z <= box.max.z;
 }
 
-int binOf(float position, float low, float extent) {
-  float f = (1.0f / extent) * (position - low) * float(binCount);
+// f is (1 / extent) (centre - low) 16 on the axis.
+int binOf(float f) {
   // Written so that a NaN lands in bin 0 rather than in an undefined conversion.
   if (!(f >= 0)) return 0;
   return f < binCount ? int(f) : binCount - 1;
@@ -56,32 +56,39 @@ int binOf(float position, float low, float extent) {
 uint32_t splitBySurfaceArea(BuildEntry* e, uint32_t count, Vec3f low, Vec3f high) {
   Vec3f extent = high - low;
   if (extent.x == 0 && extent.y == 0 && extent.z == 0) return 0;
+  Bin bins[3][binCount];
+  const Vec3f scale{1.0f / extent.x, 1.0f / extent.y, 1.0f / extent.z};
+  for (uint32_t i = 0; i < count; ++i) {
+    const Vec3f c = centre(e[i]);
+    for (int axis = 0; axis < 3; ++axis) {
+      if (extent[axis] == 0) continue;
+      Bin& bin = bins[axis][binOf(scale[axis] * (c[axis] - low[axis]) * float(binCount))];
+      growBox(bin.box, e[i].min, e[i].max);
+      ++bin.count;
+    }
+  }
   float best = infinity;
   Box left, right;
   for (int axis = 0; axis < 3; ++axis) {
     if (extent[axis] == 0) continue;
-    Bin bins[binCount];
-    for (uint32_t i = 0; i < count; ++i) {
-      Bin& bin = bins[binOf(centre(e[i])[axis], low[axis], extent[axis])];
-      growBox(bin.box, e[i].min, e[i].max);
-      ++bin.count;
-    }
     // Boxes of the right sides, bins k to 15, swept from the back.
     Box suffix[binCount];
     uint32_t suffixCount[binCount];
     Box running;
     uint32_t n = 0;
     for (int k = binCount - 1; k > 0; --k) {
-      growBox(running, bins[k].box);
-      n += bins[k].count;
+      growBox(running, bins[axis][k].box);
+      n += bins[axis][k].count;
       suffix[k] = running;
       suffixCount[k] = n;
     }
     Box prefix;
     uint32_t m = 0;
     for (int k = 1; k < binCount; ++k) {
-      growBox(prefix, bins[k - 1].box);
-      m += bins[k - 1].count;
+      // Past an empty bin both sides and so the cost repeat, and only a strictly smaller cost counts.
+      if (k > 1 && bins[axis][k - 1].count == 0) continue;
+      growBox(prefix, bins[axis][k - 1].box);
+      m += bins[axis][k - 1].count;
       float cost = halfArea(prefix.min, prefix.max) * float(m) +
                    halfArea(suffix[k].min, suffix[k].max) * float(suffixCount[k]);
       if (cost < best) {
@@ -127,8 +134,8 @@ void splitTask(const BuildTask& task, Level& level) {
   bool oneKind = true;
   for (uint32_t i = 0; i < task.count; ++i) {
     Vec3f c = centre(e[i]);
-    low = minimum(low, c);
-    high = maximum(high, c);
+    low = {std::min(low.x, c.x), std::min(low.y, c.y), std::min(low.z, c.z)};
+    high = {std::max(high.x, c.x), std::max(high.y, c.y), std::max(high.z, c.z)};
     if (e[i].kind == kindTetragon || e[i].kind == kindInstance) single = 1;
     oneKind = oneKind && e[i].kind == e[0].kind;
   }
@@ -213,11 +220,6 @@ void reorderPrimitives(Object& object, const std::vector<BuildEntry>& entries) {
 }
 
 }  // namespace
-
-float halfArea(Vec3f min, Vec3f max) {
-  float x = std::max(max.x - min.x, 0.0f), y = std::max(max.y - min.y, 0.0f), z = std::max(max.z - min.z, 0.0f);
-  return x * (y + z) + y * z;
-}
 
 void buildBinaryTree(Object& object) {
   int64_t start = clockNanoseconds();

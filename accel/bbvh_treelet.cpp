@@ -28,27 +28,27 @@ float unionArea(const Cluster& a, const Cluster& b) {
 void optimizeTreelet(std::vector<BuildRecord>& records, uint32_t root) {
   // Grow the treelet by opening the largest inner node until it has 16 leaves.
   uint32_t leaves[treeletLeaves] = {root};
+  float leafArea[treeletLeaves] = {halfArea(records[root].min, records[root].max)};
   uint32_t pairs[treeletLeaves - 1];
   int n = 1;
   float oldCost = 0;
   while (n < treeletLeaves) {
     int pick = -1;
     float largest = -1;
-    for (int i = 0; i < n; ++i) {
-      const BuildRecord& r = records[leaves[i]];
-      if (r.count != 0) continue;
-      float area = halfArea(r.min, r.max);
-      if (area > largest) {
-        largest = area;
+    for (int i = 0; i < n; ++i)
+      if (records[leaves[i]].count == 0 && leafArea[i] > largest) {
+        largest = leafArea[i];
         pick = i;
       }
-    }
     if (pick < 0) return;
     oldCost += largest;
-    uint32_t link = records[leaves[pick]].link;
+    const uint32_t link = records[leaves[pick]].link;
     pairs[n - 1] = link;
     leaves[pick] = link;
-    leaves[n++] = link + 1;
+    leaves[n] = link + 1;
+    leafArea[pick] = halfArea(records[link].min, records[link].max);
+    leafArea[n] = halfArea(records[link + 1].min, records[link + 1].max);
+    ++n;
   }
 
   BuildRecord leafRecords[treeletLeaves];
@@ -150,7 +150,8 @@ void restructureTree(Object& object) {
   for (int d = maxBuildDepth - 1; d >= 0; --d) {
     const std::vector<uint32_t>& list = depthLists[d];
     const int count = int(list.size());
-#pragma omp parallel for schedule(static) if (count > 1)
+    // Short lists are not worth waking the other threads for.
+#pragma omp parallel for schedule(static) if (count >= 64)
     for (int i = 0; i < count; ++i) optimizeTreelet(records, list[i]);
   }
   clearDepthLists();

@@ -1,6 +1,7 @@
 // Boxes and areas of single primitives, as the hierarchy and the emitter tables need them.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "frame/vec.h"
@@ -16,9 +17,10 @@ struct Box {
   Vec3f max{-infinity, -infinity, -infinity};
 };
 
+// Plain comparisons compile to single instructions; a NaN corner is passed over.
 inline void growBox(Box& box, Vec3f min, Vec3f max) {
-  box.min = minimum(box.min, min);
-  box.max = maximum(box.max, max);
+  box.min = {std::min(box.min.x, min.x), std::min(box.min.y, min.y), std::min(box.min.z, min.z)};
+  box.max = {std::max(box.max.x, max.x), std::max(box.max.y, max.y), std::max(box.max.z, max.z)};
 }
 inline void growBox(Box& box, const Box& other) { growBox(box, other.min, other.max); }
 

@@ -135,6 +135,8 @@ void buildObject(Object& object);
 void prepareParticles(ParticleSet& set, const Matrix4f& matrix);
 void prepareCylinders(CylinderSet& set, const Matrix4f& matrix);
 void prepareMesh(Mesh& mesh, const Matrix4f& matrix);
+// The moment of the frame that the pose stands for: (pass + 0.5) / the camera's samples.
+float poseTime();
 void poseParticles(ParticleSet& set, const Matrix4f& matrix);
 void poseCylinders(CylinderSet& set, const Matrix4f& matrix);
 void poseMesh(Mesh& mesh, const Matrix4f& matrix);
