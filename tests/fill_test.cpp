@@ -5,31 +5,14 @@
 #include "accel/fill.h"
 #include "geometry/scene_assembly.h"
 #include "tests/ray_fixture.h"
-#include "tests/test_util.h"
+#include "tests/scene_fixture.h"
 
 namespace {
 
-class FillTest : public testing::Test {
- protected:
-  void SetUp() override {
-    objects.clear();
-    quietStartup();
-  }
-  void TearDown() override {
-    qzFinalizeAccelerator();
-    qzFinalizeShaders();
-  }
-};
-
-void assemble() {
-  captureOutput([] { qzInitializeAccelerator(); });
-}
+using FillTest = SceneTest;
 
 Ray hitFrom(Vec3f origin, Vec3f direction) {
-  Ray ray;
-  ray.origin = origin;
-  ray.direction = normalize(direction);
-  ray.bounces = 1;
+  Ray ray = rayFrom(origin, direction);
   EXPECT_TRUE(traceClosest(ray));
   return ray;
 }

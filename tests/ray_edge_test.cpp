@@ -9,34 +9,11 @@
 #include "shading/image.h"
 #include "shading/shader.h"
 #include "tests/ray_fixture.h"
-#include "tests/test_util.h"
+#include "tests/scene_fixture.h"
 
 namespace {
 
-class RayEdgeTest : public testing::Test {
- protected:
-  void SetUp() override {
-    objects.clear();
-    quietStartup();
-  }
-  void TearDown() override {
-    qzFinalizeAccelerator();
-    qzFinalizeShaders();
-    freeImages();
-  }
-};
-
-void assemble() {
-  captureOutput([] { qzInitializeAccelerator(); });
-}
-
-Ray rayFrom(Vec3f origin, Vec3f direction) {
-  Ray ray;
-  ray.origin = origin;
-  ray.direction = normalize(direction);
-  ray.bounces = 1;
-  return ray;
-}
+using RayEdgeTest = SceneTest;
 
 // An object of triangles over the given corners, three floats a corner, three corners a face.
 int triangles(const std::vector<float>& corners, int shader = 0) {

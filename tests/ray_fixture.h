@@ -1,9 +1,11 @@
 // Scenes built through the exports for the ray query tests and benchmarks.
 #pragma once
 
+#include <cmath>
 #include <string>
 #include <vector>
 
+#include "accel/ray.h"
 #include "geometry/object.h"
 #include "qz.h"
 #include "tests/mesh_fixture.h"
@@ -30,4 +32,13 @@ inline std::vector<float> placementMatrix(Vec3f axis, float degrees, float scale
           scale * (y * x * k + z * s), scale * (c + y * y * k),     scale * (y * z * k - x * s), move.y,
           scale * (z * x * k - y * s), scale * (z * y * k + x * s), scale * (c + z * z * k),     move.z,
           0,                           0,                           0,                           1};
+}
+
+// A ray at the scene level, past its first bounce so that no shader hides from it.
+inline Ray rayFrom(Vec3f origin, Vec3f direction) {
+  Ray ray;
+  ray.origin = origin;
+  ray.direction = normalize(direction);
+  ray.bounces = 1;
+  return ray;
 }

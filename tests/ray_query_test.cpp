@@ -11,21 +11,11 @@
 #include "geometry/scene_assembly.h"
 #include "shading/shader.h"
 #include "tests/ray_fixture.h"
-#include "tests/test_util.h"
+#include "tests/scene_fixture.h"
 
 namespace {
 
-class RayQueryTest : public testing::Test {
- protected:
-  void SetUp() override {
-    objects.clear();
-    quietStartup();
-  }
-  void TearDown() override {
-    qzFinalizeAccelerator();
-    qzFinalizeShaders();
-  }
-
+class RayQueryTest : public SceneTest {
  public:
   std::mt19937 random{7};
   float uniform(float a, float b) { return std::uniform_real_distribution<float>(a, b)(random); }
@@ -91,14 +81,6 @@ struct BruteForce {
     return false;
   }
 };
-
-Ray rayFrom(Vec3f origin, Vec3f direction) {
-  Ray ray;
-  ray.origin = origin;
-  ray.direction = direction;
-  ray.bounces = 1;
-  return ray;
-}
 
 // A child ray leaving the parent's hit, as the integrator makes them.
 Ray childOf(const Ray& parent, Vec3f direction) {
@@ -194,10 +176,6 @@ Agreement compareQueries(RayQueryTest& test, int count) {
     }
   }
   return tally;
-}
-
-void assemble() {
-  captureOutput([] { qzInitializeAccelerator(); });
 }
 
 }  // namespace
