@@ -176,12 +176,7 @@ TEST_F(FillTest, FramesComeBackOutOfPlacements) {
 }
 
 TEST_F(FillTest, AParticleFacesTheViewerFromOutsideAndInside) {
-  const int o = qzAddObject();
-  const float centre[3] = {0, 0, 5}, radius = 2;
-  const unsigned index = 0;
-  qzAddVertexData(o, 1, "position", 1, 3, centre);
-  qzAddVertexData(o, 1, "radius", 1, 1, &radius);
-  qzAddPrimitives(o, 1, 1, &index);
+  particle({0, 0, 5}, 2);
   assemble();
   const Surface outside = fill(hitFrom({0, 0, 0}, {0, 0, 1}));
   expectNear(outside.position, {0, 0, 3});
@@ -194,13 +189,7 @@ TEST_F(FillTest, AParticleFacesTheViewerFromOutsideAndInside) {
 }
 
 TEST_F(FillTest, AFibreGetsItsAxisAndATurnedNormal) {
-  const int o = qzAddObject();
-  const float strand[9] = {0, 0, 0, 1, 0, 0, 2, 0, 0};
-  const float radius[3] = {0.1f, 0.1f, 0.1f};
-  const unsigned firsts[2] = {0, 1};
-  qzAddVertexData(o, 2, "position", 3, 3, strand);
-  qzAddVertexData(o, 2, "radius", 3, 1, radius);
-  qzAddPrimitives(o, 2, 2, firsts);
+  straightStrand();
   assemble();
   for (int i = 0; i < 20; ++i) {
     const Ray ray = hitFrom({1.3f, 0.05f, -2}, {0, 0, 1});

@@ -27,16 +27,6 @@ int triangles(const std::vector<float>& corners, int shader = 0) {
   return o;
 }
 
-int particle(Vec3f centre, float radius) {
-  const int o = qzAddObject();
-  const float position[3] = {centre.x, centre.y, centre.z};
-  const unsigned index = 0;
-  qzAddVertexData(o, 1, "position", 1, 3, position);
-  qzAddVertexData(o, 1, "radius", 1, 1, &radius);
-  qzAddPrimitives(o, 1, 1, &index);
-  return o;
-}
-
 // Shadow rays count a zero direction component as negative (see below), so
 // axis-aligned ones carry -0 in the other components. Inside a placement the
 // transformed components come out +0, so rays into placements lean a little.
@@ -291,13 +281,7 @@ TEST_F(RayEdgeTest, HalfOpaqueFacesStopHalfTheRays) {
 }
 
 TEST_F(RayEdgeTest, AHairSegmentIsHitAcrossItsWidth) {
-  const int o = qzAddObject();
-  const float strand[9] = {0, 0, 0, 1, 0, 0, 2, 0, 0};
-  const float radius[3] = {0.1f, 0.1f, 0.1f};
-  const unsigned firsts[2] = {0, 1};
-  qzAddVertexData(o, 2, "position", 3, 3, strand);
-  qzAddVertexData(o, 2, "radius", 3, 1, radius);
-  qzAddPrimitives(o, 2, 2, firsts);
+  straightStrand();
   assemble();
   Ray ray = rayFrom({0.3f, 0.05f, -2}, {0, 0, 1});
   ASSERT_TRUE(traceClosest(ray));

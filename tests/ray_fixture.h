@@ -42,3 +42,26 @@ inline Ray rayFrom(Vec3f origin, Vec3f direction) {
   ray.bounces = 1;
   return ray;
 }
+
+// An object of one sphere.
+inline int particle(Vec3f centre, float radius) {
+  const int o = qzAddObject();
+  const float position[3] = {centre.x, centre.y, centre.z};
+  const unsigned index = 0;
+  qzAddVertexData(o, 1, "position", 1, 3, position);
+  qzAddVertexData(o, 1, "radius", 1, 1, &radius);
+  qzAddPrimitives(o, 1, 1, &index);
+  return o;
+}
+
+// An object of one strand along x from 0 to 2 in two segments, 0.1 thick.
+inline int straightStrand() {
+  const int o = qzAddObject();
+  const float strand[9] = {0, 0, 0, 1, 0, 0, 2, 0, 0};
+  const float radius[3] = {0.1f, 0.1f, 0.1f};
+  const unsigned firsts[2] = {0, 1};
+  qzAddVertexData(o, 2, "position", 3, 3, strand);
+  qzAddVertexData(o, 2, "radius", 3, 1, radius);
+  qzAddPrimitives(o, 2, 2, firsts);
+  return o;
+}
