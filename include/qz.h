@@ -103,3 +103,15 @@ QZ_API int qzAddCameraAOV(int camera);
 QZ_API void qzSetCameraAOVName(int camera, int aov, const char* name);
 QZ_API void qzSetCameraAOVUserData(int camera, int aov, const char* name);
 QZ_API void qzSetCameraAOVChannel(int camera, int aov, int channel);
+
+/* Objects, instances and vertex data.
+   Kinds: 1 particles, 2 cylinders, 3 triangles, 4 tetragons. */
+QZ_API int qzAddObject();
+QZ_API void qzSetObjectName(int object, const char* name);
+QZ_API void qzSetObjectMatrix(int object, const float* matrix);
+QZ_API void qzSetObjectShader(int object, int kind, int shader);
+QZ_API void qzAddPrimitives(int object, int kind, int count, const unsigned* indices);
+QZ_API int qzAddVertexData(int object, int kind, const char* name, int count, int dim, const float* data);
+QZ_API int qzAddInstance(int object);
+QZ_API void qzSetInstance(int object, int instance, int target, const float* matrix);
+QZ_API void qzOverrideShader(int object, int instance, const char* from, const char* to);
