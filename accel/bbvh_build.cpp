@@ -175,9 +175,12 @@ std::vector<BuildEntry> gatherEntries(const Object& object) {
   return entries;
 }
 
+// Appends a leaf's primitives and answers where they start.
 template <typename T>
-void appendByIndex(std::vector<T>& to, const std::vector<T>& from, const BuildEntry* e, uint32_t count) {
+uint32_t appendLeaf(std::vector<T>& to, const std::vector<T>& from, const BuildEntry* e, uint32_t count) {
+  const uint32_t start = uint32_t(to.size());
   for (uint32_t i = 0; i < count; ++i) to.push_back(from[e[i].index]);
+  return start;
 }
 
 // Leaves take their primitives' new positions: every index after this is in leaf order.
@@ -187,30 +190,14 @@ void reorderPrimitives(Object& object, const std::vector<BuildEntry>& entries) {
   std::vector<Triangle> triangles;
   std::vector<Tetragon> tetragons;
   std::vector<Instance> instances;
-  for (BuildRecord& record : object.buildRecords) {
-    if (record.count == 0) continue;
-    const BuildEntry* e = entries.data() + record.link;
-    switch (record.kind) {
-      case kindParticle:
-        record.link = uint32_t(particles.size());
-        appendByIndex(particles, object.particles.indices, e, record.count);
-        break;
-      case kindCylinder:
-        record.link = uint32_t(cylinders.size());
-        appendByIndex(cylinders, object.cylinders.indices, e, record.count);
-        break;
-      case kindTriangle:
-        record.link = uint32_t(triangles.size());
-        appendByIndex(triangles, object.mesh.triangles, e, record.count);
-        break;
-      case kindTetragon:
-        record.link = uint32_t(tetragons.size());
-        appendByIndex(tetragons, object.mesh.tetragons, e, record.count);
-        break;
-      default:
-        record.link = uint32_t(instances.size());
-        appendByIndex(instances, object.instances, e, record.count);
-    }
+  for (BuildRecord& r : object.buildRecords) {
+    if (r.count == 0) continue;
+    const BuildEntry* e = entries.data() + r.link;
+    if (r.kind == kindParticle) r.link = appendLeaf(particles, object.particles.indices, e, r.count);
+    if (r.kind == kindCylinder) r.link = appendLeaf(cylinders, object.cylinders.indices, e, r.count);
+    if (r.kind == kindTriangle) r.link = appendLeaf(triangles, object.mesh.triangles, e, r.count);
+    if (r.kind == kindTetragon) r.link = appendLeaf(tetragons, object.mesh.tetragons, e, r.count);
+    if (r.kind == kindInstance) r.link = appendLeaf(instances, object.instances, e, r.count);
   }
   object.particles.indices = std::move(particles);
   object.cylinders.indices = std::move(cylinders);
