@@ -206,11 +206,13 @@ TEST_F(SceneTest, HairShadersArePreparedAfterAssembly) {
 }
 
 TEST_F(SceneTest, MalformedInputIsPassedOverQuietly) {
+  const unsigned faces[8] = {0, 1, 2, 0, 1, 7, 0, 1};
+  int hollow = qzAddObject();  // its only face names vertices that are not there
+  qzAddPrimitives(hollow, 3, 1, faces);
   int o = qzAddObject();
   const float points[9] = {0, 0, 0, std::nanf(""), 1, 0, 1, 1, 1};
   qzAddVertexData(o, 3, "position", 3, 3, points);
   qzAddVertexData(o, 3, "normal", 1, 3, points);  // one normal for three vertices
-  const unsigned faces[8] = {0, 1, 2, 0, 1, 7, 0, 1};
   qzAddPrimitives(o, 3, 2, faces);
   qzAddPrimitives(o, 4, 1, faces + 4);
   qzSetObjectShader(o, 1, 12345);  // no such shader
@@ -222,13 +224,16 @@ TEST_F(SceneTest, MalformedInputIsPassedOverQuietly) {
   qzSetInstance(o, qzAddInstance(o), 99, nullptr);
   std::string out = assemble();
   EXPECT_TRUE(has(out, "scene minimum")) << out;
-  EXPECT_EQ(objects[0].mesh.triangles.size(), 1u);
-  EXPECT_TRUE(objects[0].mesh.tetragons.empty());
-  EXPECT_EQ(objects[0].particles.indices.size(), 2u);
-  EXPECT_TRUE(objects[0].cylinders.indices.empty());
-  EXPECT_TRUE(objects[0].instances.empty());
-  EXPECT_EQ(objects[0].mesh.normals.size(), 3u);
-  EXPECT_EQ(objects[0].mesh.normals[2], 0u);  // the missing ones read as absent
+  EXPECT_TRUE(objects[hollow].bvhNodes.empty());
+  const Object& kept = objects[o];
+  EXPECT_EQ(kept.mesh.triangles.size(), 1u);
+  EXPECT_TRUE(kept.mesh.tetragons.empty());
+  EXPECT_EQ(kept.particles.indices.size(), 2u);
+  EXPECT_TRUE(kept.cylinders.indices.empty());
+  ASSERT_EQ(kept.instances.size(), 1u);  // the hollow object, placed under the last root
+  EXPECT_EQ(kept.instances[0].object, hollow);
+  EXPECT_EQ(kept.mesh.normals.size(), 3u);
+  EXPECT_EQ(kept.mesh.normals[2], 0u);  // the missing ones read as absent
 }
 
 TEST_F(SceneTest, MovingObjectsArePosedWithThePassJustFinished) {
