@@ -10,6 +10,7 @@
 #include "qz.h"
 #include "shading/image.h"
 #include "shading/shader.h"
+#include "shading/slope_tables.h"
 
 namespace {
 // The reference permutation of the classic gradient noise. Startup copies it
@@ -43,6 +44,7 @@ void qzStartup() {
   printIntegerRow("number of processors", omp_get_num_procs(), "n/a");
   printRule();
   restoreRendererDefaults();
+  buildSlopeTables();
   createDefaultShader();
 }
 
