@@ -286,3 +286,26 @@ TEST_F(SceneTest, MovingObjectsArePosedWithThePassJustFinished) {
   renderer.pass = 0;
   cameras.clear();
 }
+
+TEST_F(SceneTest, TheRenderLoopPosesAfterEachPass) {
+  const int camera = qzAddCamera();
+  qzSetCameraResolution(camera, 2, 2);
+  qzSetCameraSample(camera, 3);
+  qzSetCameraAOVName(camera, 0, (scratchFolder("moving-render") + "/beauty.pfm").c_str());
+  int o = triangleObject({0, 0, 0, 1, 0, 0, 0, 1, 0}, 1);
+  const float start[9] = {}, end[9] = {3, 0, 0, 3, 0, 0, 3, 0, 0};
+  qzAddVertexData(o, 3, "motion", 3, 3, start);
+  qzAddVertexData(o, 3, "motion", 3, 3, end);
+  renderer.pass = 0;
+  captureOutput([] {
+    qzInitializeAccelerator();
+    qzInitializeCameras();
+    qzRender();
+  });
+  // The last pose is that of pass 2, made before the pass number reached 3.
+  EXPECT_EQ(renderer.pass, 3);
+  EXPECT_FLOAT_EQ(objects[0].mesh.worldPositions[0].x, 2.5f);
+  EXPECT_FLOAT_EQ(sceneMax.x, 3.5f);
+  renderer.pass = 0;
+  qzFinalizeCameras();
+}
