@@ -5,6 +5,7 @@
 
 #include "frame/report.h"
 #include "frame/scene_file.h"
+#include "geometry/object_block.h"
 #include "qz.h"
 #include "shading/image.h"
 #include "shading/shader.h"
@@ -15,6 +16,10 @@ std::vector<std::string> geometrySearchPaths;
 bool dispatchBlock(const std::string& keyword, std::istream& file) {
   if (keyword == "shader") {
     defineShaderFromBlock(file);
+    return true;
+  }
+  if (keyword == "object") {
+    readObjectBlock(objects[size_t(qzAddObject())], file);
     return true;
   }
   return false;
