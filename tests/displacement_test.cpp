@@ -7,22 +7,12 @@
 #include "qz.h"
 #include "shading/image.h"
 #include "shading/shader.h"
-#include "tests/test_util.h"
+#include "tests/scene_fixture.h"
 
 namespace {
 
-class DisplacementTest : public testing::Test {
+class DisplacementTest : public SceneTest {
  protected:
-  void SetUp() override {
-    objects.clear();
-    quietStartup();
-  }
-  void TearDown() override {
-    qzFinalizeAccelerator();
-    qzFinalizeShaders();
-    freeImages();
-  }
-
   // A shader with one displacement layer of the given level and image.
   int displacing(float angle, int level, const char* image = "") {
     const int s = qzAddShader();

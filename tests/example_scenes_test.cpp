@@ -9,22 +9,12 @@
 #include "qz.h"
 #include "shading/image.h"
 #include "shading/shader.h"
-#include "tests/test_util.h"
+#include "tests/scene_fixture.h"
 
 namespace {
 
-class ExampleScenes : public testing::Test {
+class ExampleScenes : public SceneTest {
  protected:
-  void SetUp() override {
-    objects.clear();
-    quietStartup();
-  }
-  void TearDown() override {
-    qzFinalizeAccelerator();
-    qzFinalizeShaders();
-    freeImages();
-  }
-
   // Loads and assembles a scene of the repository; returns the report.
   std::string assemble(const std::string& scene) {
     const char* source = std::getenv("QZ_SOURCE_DIR");

@@ -9,21 +9,15 @@
 #include "geometry/scene_assembly.h"
 #include "qz.h"
 #include "shading/shader.h"
-#include "tests/test_util.h"
+#include "tests/scene_fixture.h"
 
 namespace {
 
-class ObjReaderTest : public testing::Test {
+class ObjReaderTest : public SceneTest {
  protected:
   void SetUp() override {
-    objects.clear();
-    quietStartup();
+    SceneTest::SetUp();
     folder = scratchFolder("obj");
-  }
-  void TearDown() override {
-    qzFinalizeAccelerator();
-    qzFinalizeShaders();
-    clearWeldTable();
   }
 
   // Writes the text to a file and reads it into a fresh object; returns the report.
