@@ -36,50 +36,62 @@ bool displaceLayer(Mesh& mesh, uint32_t s, TextureNode& layer) {
   prepareNode(layer);
   const TriangleGrid grid = tessellateTriangle(std::max(layer.level, 1));
 
-  Mesh fresh = vertexLayout(mesh);
-  std::vector<Triangle> kept;
+  std::vector<Triangle> kept, tessellated;
   for (const Triangle& t : mesh.triangles) {
-    const uint32_t v[3] = {t.i0, t.i1, t.i2};
     bool framed = t.shader == s;
-    for (uint32_t corner : v) framed = framed && frameWord(mesh.normals, corner) && frameWord(mesh.tangents, corner);
-    if (!framed) {
-      kept.push_back(t);
-      continue;
-    }
+    for (uint32_t corner : {t.i0, t.i1, t.i2})
+      framed = framed && frameWord(mesh.normals, corner) && frameWord(mesh.tangents, corner);
+    (framed ? tessellated : kept).push_back(t);
+  }
+
+  // Each triangle gets a grid of its own; smoothing welds the grids again by position.
+  const size_t perTriangle = grid.weights.size();
+  Mesh fresh = vertexLayout(mesh);
+  fresh.worldPositions.resize(tessellated.size() * perTriangle);
+  fresh.normals.resize(fresh.worldPositions.size());
+  fresh.tangents.resize(fresh.worldPositions.size());
+#pragma omp parallel for schedule(dynamic, 64)
+  for (int64_t k = 0; k < int64_t(tessellated.size()); ++k) {
+    const Triangle& t = tessellated[size_t(k)];
+    const uint32_t v[3] = {t.i0, t.i1, t.i2};
     Vec3f P[3], normals[3], tangents[3];
     for (int i = 0; i < 3; ++i) {
       P[i] = mesh.worldPositions[v[i]];
       normals[i] = unpackUnitVector(mesh.normals[v[i]]);
       tangents[i] = unpackUnitVector(mesh.tangents[v[i]]);
     }
-    const uint32_t base = uint32_t(fresh.worldPositions.size());
-    for (const std::array<float, 3>& b : grid.weights) {
-      fresh.worldPositions.push_back(curvedPoint(b[0], b[1], b[2], P, normals));
-      fresh.normals.push_back(packUnitVector(b[0] * normals[0] + b[1] * normals[1] + b[2] * normals[2]));
-      fresh.tangents.push_back(packUnitVector(b[0] * tangents[0] + b[1] * tangents[1] + b[2] * tangents[2]));
-      appendBlendedValues(fresh, mesh, v, b.data());
+    for (size_t j = 0; j < perTriangle; ++j) {
+      const std::array<float, 3>& b = grid.weights[j];
+      const size_t n = size_t(k) * perTriangle + j;
+      fresh.worldPositions[n] = curvedPoint(b[0], b[1], b[2], P, normals);
+      fresh.normals[n] = packUnitVector(b[0] * normals[0] + b[1] * normals[1] + b[2] * normals[2]);
+      fresh.tangents[n] = packUnitVector(b[0] * tangents[0] + b[1] * tangents[1] + b[2] * tangents[2]);
     }
+  }
+  for (size_t k = 0; k < tessellated.size(); ++k) {
+    const Triangle& t = tessellated[k];
+    const uint32_t v[3] = {t.i0, t.i1, t.i2};
+    for (const std::array<float, 3>& b : grid.weights) appendBlendedValues(fresh, mesh, v, b.data());
+    const uint32_t base = uint32_t(k * perTriangle);
     for (const std::array<uint32_t, 3>& g : grid.triangles)
       fresh.triangles.push_back({base + g[0], base + g[1], base + g[2], s});
   }
 
-  // A grid vertex serves several triangles and moves once.
-  std::vector<bool> pending(fresh.worldPositions.size(), true);
+  // Every grid vertex belongs to a grid triangle and moves once, along its own frame.
   const std::vector<FloatPair>& uvs = fresh.pairChannels[0].values;
-  for (const Triangle& t : fresh.triangles)
-    for (uint32_t v : {t.i0, t.i1, t.i2}) {
-      if (!pending[v]) continue;
-      pending[v] = false;
-      Surface surface;
-      if (v < uvs.size()) {
-        surface.uv[0] = uvs[v].u;
-        surface.uv[1] = uvs[v].v;
-      }
-      const Vec3f n = unpackUnitVector(fresh.normals[v]);
-      const Vec3f tangent = unpackUnitVector(fresh.tangents[v]);
-      const Vec3f d = evaluateVector(layer, surface);
-      fresh.worldPositions[v] += tangent * d.x + cross(tangent, n) * d.y + n * d.z;
+#pragma omp parallel for schedule(static)
+  for (int64_t i = 0; i < int64_t(fresh.worldPositions.size()); ++i) {
+    const size_t v = size_t(i);
+    Surface surface;
+    if (v < uvs.size()) {
+      surface.uv[0] = uvs[v].u;
+      surface.uv[1] = uvs[v].v;
     }
+    const Vec3f n = unpackUnitVector(fresh.normals[v]);
+    const Vec3f tangent = unpackUnitVector(fresh.tangents[v]);
+    const Vec3f d = evaluateVector(layer, surface);
+    fresh.worldPositions[v] += tangent * d.x + cross(tangent, n) * d.y + n * d.z;
+  }
   // Displacement images do not stay in memory.
   if (layer.image >= 0 && size_t(layer.image) < images.size() && images[layer.image].loaded) {
     freeImage(images[layer.image]);
