@@ -173,12 +173,13 @@ void readFace(ObjReader& reader, const char* s, const FileStart& start, uint32_t
     return;
   }
   if (c[3].position == 0 && c[2].position == 0) return;
+  const bool quadrangle = c[3].position != 0;
   for (Corner& corner : c) {
     corner.position = convertIndex(corner.position, start.positions, int64_t(reader.positions.size()));
     corner.coordinate = convertIndex(corner.coordinate, start.coordinates, int64_t(reader.coordinates.size()));
     corner.normal = convertIndex(corner.normal, start.normals, int64_t(reader.normals.size()));
   }
-  if (c[3].position == -1)
+  if (!quadrangle)
     addFace(reader, c, 3, shader);
   else
     addQuadrangle(reader, c, shader);

@@ -169,7 +169,7 @@ TEST_F(ObjReaderTest, MissingFileLeavesTheMesh) {
 
 TEST_F(ObjReaderTest, IndicesBeyondTheirArraysAreSafe) {
   load(std::string(square) + "vt 1 1\nvn 0 0 1\nf 1/1/1 2/7/1 9\nf 1/1/1 2/7/1 3/1/8\nf 99999999999 -99999999999 3\n" +
-       "f 0 0 0\nf 1 2 3 99\n");
+       "f 0 0 0\nf 1 2 3 99\nf 1 2 3 -5\n");
   ASSERT_EQ(mesh().triangles.size(), 1u);
   const Triangle t = mesh().triangles[0];
   EXPECT_EQ(mesh().pairChannels[0].values[t.i1].u, 0.0f);
