@@ -6,6 +6,8 @@
 #include "frame/report.h"
 #include "frame/scene_file.h"
 #include "geometry/object_block.h"
+#include "output/camera.h"
+#include "output/render_loop.h"
 #include "qz.h"
 #include "shading/image.h"
 #include "shading/shader.h"
@@ -16,13 +18,18 @@ std::vector<std::string> geometrySearchPaths;
 bool dispatchBlock(const std::string& keyword, std::istream& file) {
   if (keyword == "shader") {
     defineShaderFromBlock(file);
-    return true;
-  }
-  if (keyword == "object") {
+  } else if (keyword == "render") {
+    readRenderBlock(file);
+  } else if (keyword == "camera") {
+    Camera camera;
+    readCameraBlock(file, camera);
+    cameras.push_back(std::move(camera));
+  } else if (keyword == "object") {
     readObjectBlock(objects[size_t(qzAddObject())], file);
-    return true;
+  } else {
+    return false;
   }
-  return false;
+  return true;
 }
 
 void readSceneFile(const std::string& path) {
