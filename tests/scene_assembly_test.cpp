@@ -2,9 +2,11 @@
 
 #include <cmath>
 
+#include "frame/renderer.h"
 #include "frame/report.h"
 #include "geometry/object.h"
 #include "geometry/scene_assembly.h"
+#include "output/camera.h"
 #include "qz.h"
 #include "shading/shader.h"
 #include "tests/test_util.h"
@@ -227,4 +229,55 @@ TEST_F(SceneTest, MalformedInputIsPassedOverQuietly) {
   EXPECT_TRUE(objects[0].instances.empty());
   EXPECT_EQ(objects[0].mesh.normals.size(), 3u);
   EXPECT_EQ(objects[0].mesh.normals[2], 0u);  // the missing ones read as absent
+}
+
+TEST_F(SceneTest, MovingObjectsArePosedWithThePassJustFinished) {
+  cameras.assign(1, Camera{});
+  cameras[0].sample = 4;
+  renderer.pass = 0;
+  // A still child under a parent of two motion channels: a Bezier curve of degree 1
+  // from no offset to 4 along x, so the offset is 4 t with t = (pass + 0.5) / 4.
+  int parent = triangleObject({0, 0, 0, 1, 0, 0, 0, 1, 0}, 1);
+  const float start[9] = {}, end[9] = {4, 0, 0, 4, 0, 0, 4, 0, 0};
+  EXPECT_EQ(qzAddVertexData(parent, 3, "motion", 3, 3, start), 1);
+  EXPECT_EQ(qzAddVertexData(parent, 3, "motion", 3, 3, end), 2);
+  int child = triangleObject({0, 5, 0, 1, 5, 0, 0, 6, 0}, 1);
+  qzSetInstance(parent, qzAddInstance(parent), child, nullptr);
+  assemble();
+  const Object& moving = objects[parent];
+  EXPECT_EQ(moving.hasMotion, 1);
+  EXPECT_FALSE(moving.buildRecords.empty());
+  EXPECT_FALSE(moving.mesh.vectorChannels[0].values.empty());
+  EXPECT_TRUE(objects[child].buildRecords.empty());
+  EXPECT_FLOAT_EQ(moving.mesh.worldPositions[0].x, 0.5f);
+  EXPECT_FLOAT_EQ(sceneMax.x, 1.5f);
+
+  // The loop calls this after each pass, before the pass number rises:
+  // pass 1 renders the pose of pass 0, pass 2 that of pass 1.
+  updateMovingObjects();
+  EXPECT_FLOAT_EQ(moving.mesh.worldPositions[0].x, 0.5f);
+  renderer.pass = 1;
+  updateMovingObjects();
+  EXPECT_FLOAT_EQ(moving.mesh.worldPositions[0].x, 1.5f);
+  EXPECT_FLOAT_EQ(sceneMin.x, 0);  // the still child keeps the low end
+  EXPECT_FLOAT_EQ(sceneMax.x, 2.5f);
+  // The hierarchy was rebuilt around the new positions.
+  float lowest = infinity;
+  for (const BvhNode& node : moving.bvhNodes)
+    for (int lane = 0; lane < firstFreeLane(node); ++lane)
+      if (isLeafReference(node.child[lane]) && referenceKind(node.child[lane]) == kindTriangle)
+        lowest = std::min(lowest, node.min_x[lane]);
+  EXPECT_FLOAT_EQ(lowest, 1.5f);
+
+  // One motion channel is a curve of degree 0: its offset counts in full at every pass.
+  qzFinalizeAccelerator();
+  int still = triangleObject({0, 0, 0, 1, 0, 0, 0, 1, 0}, 1);
+  qzAddVertexData(still, 3, "motion", 3, 3, end);
+  assemble();
+  EXPECT_FLOAT_EQ(objects[still].mesh.worldPositions[0].x, 4);
+  renderer.pass = 3;
+  updateMovingObjects();
+  EXPECT_FLOAT_EQ(objects[still].mesh.worldPositions[0].x, 4);
+  renderer.pass = 0;
+  cameras.clear();
 }
