@@ -5,6 +5,7 @@
 
 #include "frame/report.h"
 #include "frame/scene_file.h"
+#include "geometry/object_block.h"
 #include "output/camera.h"
 #include "output/render_loop.h"
 #include "qz.h"
@@ -23,6 +24,8 @@ bool dispatchBlock(const std::string& keyword, std::istream& file) {
     cameras.push_back(std::move(camera));
   } else if (keyword == "shader") {
     defineShaderFromBlock(file);
+  } else if (keyword == "object") {
+    readObjectBlock(objects[size_t(qzAddObject())], file);
   } else {
     return false;
   }

@@ -8,8 +8,11 @@
 #include "accel/primitive_bounds.h"
 #include "frame/renderer.h"
 #include "frame/report.h"
+#include "geometry/displacement.h"
 #include "geometry/emitter.h"
+#include "geometry/obj_reader.h"
 #include "geometry/object.h"
+#include "geometry/smooth_mesh.h"
 #include "output/camera.h"
 #include "shading/shader.h"
 
@@ -168,12 +171,15 @@ void prepareMesh(Mesh& mesh, const Matrix4f& matrix) {
   };
   for (Triangle& t : mesh.triangles) undefinedToFallback(t.shader);
   for (Tetragon& t : mesh.tetragons) undefinedToFallback(t.shader);
+  clearWeldTable();
   scanMotion(mesh);
   auto flipped = [](uint32_t shader) { return shader < shaders.size() && shaders[shader].geometry.flip_face; };
   for (Triangle& t : mesh.triangles)
     if (flipped(t.shader)) std::swap(t.i0, t.i1);
   for (Tetragon& t : mesh.tetragons)
     if (flipped(t.shader)) std::swap(t.i0, t.i2);
+  displaceMesh(mesh);
+  smoothMesh(mesh);
 }
 
 float poseTime() {
@@ -184,7 +190,10 @@ float poseTime() {
 
 void poseParticles(ParticleSet& set, const Matrix4f& matrix) { poseSet(set, matrix); }
 void poseCylinders(CylinderSet& set, const Matrix4f& matrix) { poseSet(set, matrix); }
-void poseMesh(Mesh& mesh, const Matrix4f& matrix) { poseSet(mesh, matrix); }
+void poseMesh(Mesh& mesh, const Matrix4f& matrix) {
+  poseSet(mesh, matrix);
+  if (mesh.hasMotion) refreshFrames(mesh);
+}
 
 void prepareObject(Object& object) {
   if (isEmptyObject(object)) return;

@@ -115,3 +115,4 @@ QZ_API int qzAddVertexData(int object, int kind, const char* name, int count, in
 QZ_API int qzAddInstance(int object);
 QZ_API void qzSetInstance(int object, int instance, int target, const float* matrix);
 QZ_API void qzOverrideShader(int object, int instance, const char* from, const char* to);
+QZ_API void qzLoadObject(int object, const char* path);
