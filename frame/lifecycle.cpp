@@ -49,6 +49,7 @@ void qzStartup() {
 }
 
 void qzInitialize() {
+  qzInitializeAccelerator();
   loadImages();
   qzInitializeShaders();
   qzInitializeRenderer();
@@ -56,6 +57,7 @@ void qzInitialize() {
 
 void qzFinalize() {
   qzFinalizeRenderer();
+  qzFinalizeAccelerator();
   qzFinalizeShaders();
   freeImages();
 }

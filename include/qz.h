@@ -84,3 +84,15 @@ QZ_API void qzSetShaderImage(int id, int side, int channel, const char* image, f
 
 /* Cameras */
 QZ_API void qzSetCameraName(int camera, const char* name);
+
+/* Objects, instances and vertex data.
+   Kinds: 1 particles, 2 cylinders, 3 triangles, 4 tetragons. */
+QZ_API int qzAddObject();
+QZ_API void qzSetObjectName(int object, const char* name);
+QZ_API void qzSetObjectMatrix(int object, const float* matrix);
+QZ_API void qzSetObjectShader(int object, int kind, int shader);
+QZ_API void qzAddPrimitives(int object, int kind, int count, const unsigned* indices);
+QZ_API int qzAddVertexData(int object, int kind, const char* name, int count, int dim, const float* data);
+QZ_API int qzAddInstance(int object);
+QZ_API void qzSetInstance(int object, int instance, int target, const float* matrix);
+QZ_API void qzOverrideShader(int object, int instance, const char* from, const char* to);
