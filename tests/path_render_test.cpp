@@ -10,6 +10,7 @@
 #include "shading/microfacet.h"
 #include "shading/sampling_shapes.h"
 #include "tests/path_fixture.h"
+#include "tests/scene_writer.h"
 
 namespace {
 constexpr Vec3f X{1, 0, 0}, Y{0, 1, 0}, Z{0, 0, 1};
@@ -56,9 +57,12 @@ TEST_F(PathTest, EmissionSeenDirectlyAndTheFirstHitsAOVs) {
 class DiffuseUnderEmitter : public PathTest {
  protected:
   void build(int floorShader, int passes = 4) {
-    addQuad(floorShader, {0, 0, 0}, 50 * Z, 50 * X);
-    addQuad(addShader(emissionChannel, {1, 2, 4}), {0, 1, 0}, X, Z);
+    addFloorAndLamp(floorShader, addShader(emissionChannel, {1, 2, 4}));
     camera = addCamera(8, passes, {0, 0.5f, 0}, {0, 0, 0}, 1, {0, 0, -1});
+  }
+  void addFloorAndLamp(int floorShader, int lampShader) {
+    addQuad(floorShader, {0, 0, 0}, 50 * Z, 50 * X);
+    addQuad(lampShader, {0, 1, 0}, X, Z);
   }
   // The floor's value against the analytic one, each channel within four
   // standard deviations of a mean of the samples taken: 8 x 8 pixels, each
@@ -84,6 +88,26 @@ TEST_F(DiffuseUnderEmitter, OneBounceGivesAlbedoTimesEmissionTimesTheCoveredShar
     expectColorNear(pixel(albedo, p), {0.5f, 0.5f, 0.5f}, 1e-6f);
     expectColorNear(pixel(emission, p), black, 0);
   }
+}
+
+TEST_F(DiffuseUnderEmitter, TheSameFromSceneFiles) {
+  // Shaders, settings, sky and camera come from the scene's files; the faces from the exports.
+  const std::string folder = scratchFolder("diffuse-under-emitter");
+  writeSceneFile(folder + "/shader", "materials.qz",
+                 "shader\n  name \"floor\"\n  diffuse\n    color 0.5 0.5 0.5\n    side \"both\"\n  end\nend\n"
+                 "shader\n  name \"lamp\"\n  emission\n    color 1 2 4\n    side \"both\"\n  end\nend\n");
+  writeSceneFile(folder + "/render", "render.qz", "render\n  final_gather\n    sample 1024\n    bounce 1\n  end\nend\n");
+  writeSceneFile(folder + "/light", "sky.qz", "sky_light\n  color 0 0 0\nend\n");
+  const std::string pose = "  pose\n    position 0 0.5 0\n    target 0 0 0\n    up_vector 0 0 -1\n    field_of_view 1\n  end\n";
+  writeSceneFile(folder + "/camera", "camera.qz",
+                 "camera\n  resolution 8 8\n  sample 4\n" + pose + pose +
+                     "  aov\n    type \"lambertian\"\n    image \"\"\n  end\nend\n");
+  captureOutput([&] { qzLoadScene((folder + "/").c_str()); });
+  qzSetCameraAOVName(0, 0, "");
+  addFloorAndLamp(findOrAddShader("floor"), findOrAddShader("lamp"));
+  render();
+  expectAnalyticFloor(0);
+  for (int p = 0; p < pixelCount(); ++p) expectColorNear(pixel(1, p), pixel(0, p), 1e-5f);
 }
 
 TEST_F(DiffuseUnderEmitter, BounceZeroLeavesTheFloorBlack) {
@@ -246,17 +270,18 @@ TEST_F(PathTest, RoughGlossyFloorInAnEmittingBoxConverges) {
   EXPECT_NEAR(meanPixel(0).g, rho, meanTolerance(rho, 16 * 1024));
 }
 
-// Two emitting mirrors face each other with the camera between them; each
-// reflection keeps F = 0.25 of what comes back, so the sum is a geometric series.
+// Two emitting mirrors face each other with the camera between them, seen at
+// 60 degrees from their normal, where an index of 0.5 reflects totally: every
+// hit adds its emission and passes all that comes back, so the sum counts the hits.
 class FacingMirrors : public PathTest {
  protected:
   void build() {
     const int mirror = addShader(emissionChannel, {1, 1, 1});
     qzSetShaderColor(mirror, 1, specularChannel, 1, 1, 1);
-    qzSetShaderIOR(mirror, 1.0f / 3);  // ((3 - 1) / (3 + 1))^2 = 0.25 at normal incidence
-    addQuad(mirror, {0, 0, -1}, 50 * X, 50 * Y);
-    addQuad(mirror, {0, 0, 1}, 50 * Y, 50 * X);
-    addCamera(4, 1, {0, 0, 0}, {0, 0, -1}, 2);
+    qzSetShaderIOR(mirror, 0.5f);
+    addQuad(mirror, {0, 0, -1}, 1000 * X, 1000 * Y);
+    addQuad(mirror, {0, 0, 1}, 1000 * Y, 1000 * X);
+    addCamera(4, 1, {0, 0, 0}, {std::sqrt(0.75f), 0, -0.5f}, 2);
   }
 };
 
@@ -264,13 +289,13 @@ TEST_F(FacingMirrors, TheLastChildWithinRayDepthEndsTheSeries) {
   qzSetRendererRayDepth(3);
   build();
   render();
-  expectColorNear(meanPixel(0), white * (1 + 0.25f + 0.0625f), 1e-4f);
+  expectColorNear(meanPixel(0), white * 3, 1e-5f);
 }
 
 TEST_F(FacingMirrors, ARayDepthBeyondTheBounceCounterStopsAtItsWidth) {
-  // 256 levels of recursion on every worker thread; the series has long converged.
+  // 256 levels of recursion on every worker thread.
   qzSetRendererRayDepth(100000);
   build();
   render();
-  expectColorNear(meanPixel(0), white * (1 / 0.75f), 1e-4f);
+  expectColorNear(meanPixel(0), white * 256, 1e-5f);
 }
