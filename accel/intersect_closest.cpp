@@ -87,6 +87,7 @@ template <bool probe>
 bool walkClosest(const Object& object, Ray& ray) {
   if (object.bvhNodes.empty()) return false;
   const BvhNode* nodes = object.bvhNodes.data();
+  const Triangle* triangles = object.mesh.triangles.data();
   const RayLanes lanes = broadcastRay(ray, [](float component) { return component < 0; });
   StackEntry stack[stackSize];
   StackEntry* top = stack;
@@ -111,6 +112,7 @@ bool walkClosest(const Object& object, Ray& ray) {
         leaf = false;
         break;
       }
+      prefetchChildren(node, hits, nodes, triangles);
       // Lanes are listed from 7 down to 0.
       const int a = highestLane(hits);
       hits &= ~(1u << a);

@@ -7,6 +7,7 @@
 
 #include "accel/bbvh.h"
 #include "accel/ray.h"
+#include "geometry/object.h"
 
 // The ray broadcast to all lanes, and per axis the byte offset of its near
 // plane block: 0 for the minima, 96 for the maxima when the ray runs backwards.
@@ -50,4 +51,18 @@ inline uint32_t hitLanes(const BvhNode& node, const RayLanes& r, float t, uint32
   near = _mm256_max_ps(_mm256_max_ps(_mm256_set1_ps(1e-8f), nx), _mm256_max_ps(ny, nz));
   const __m256 far = _mm256_min_ps(_mm256_min_ps(_mm256_set1_ps(t), fx), _mm256_min_ps(fy, fz));
   return uint32_t(_mm256_movemask_ps(_mm256_cmp_ps(near, far, _CMP_LE_OQ))) & mask;
+}
+
+// Starts loading what the hit lanes lead to, so that the misses of the
+// children waiting on the stack overlap with the walk of the nearest one.
+inline void prefetchChildren(const BvhNode& node, uint32_t hits, const BvhNode* nodes, const Triangle* triangles) {
+  for (; hits; hits &= hits - 1) {
+    const uint64_t child = node.child[__builtin_ctz(hits)];
+    if (!isLeafReference(child)) {
+      const char* target = reinterpret_cast<const char*>(nodes + referenceIndex(child));
+      for (int line = 0; line < 256; line += 64) _mm_prefetch(target + line, _MM_HINT_T0);
+    } else if (referenceKind(child) == kindTriangle) {
+      _mm_prefetch(reinterpret_cast<const char*>(triangles + referenceIndex(child)), _MM_HINT_T0);
+    }
+  }
 }

@@ -17,14 +17,14 @@ std::string sceneDirectory;
 std::vector<std::string> geometrySearchPaths;
 
 bool dispatchBlock(const std::string& keyword, std::istream& file) {
-  if (keyword == "shader") {
-    defineShaderFromBlock(file);
-  } else if (keyword == "render") {
+  if (keyword == "render") {
     readRenderBlock(file);
   } else if (keyword == "camera") {
     Camera camera;
     readCameraBlock(file, camera);
     cameras.push_back(std::move(camera));
+  } else if (keyword == "shader") {
+    defineShaderFromBlock(file);
   } else if (keyword == "sky_light") {
     readSkyLightBlock(file);
   } else if (keyword == "point_light") {

@@ -6,9 +6,11 @@
 
 #include "accel/bbvh.h"
 #include "accel/primitive_bounds.h"
+#include "frame/renderer.h"
 #include "frame/report.h"
 #include "geometry/emitter.h"
 #include "geometry/object.h"
+#include "output/camera.h"
 #include "shading/shader.h"
 
 namespace {
@@ -178,6 +180,12 @@ void prepareMesh(Mesh& mesh, const Matrix4f& matrix) {
     if (flipped(t.shader)) std::swap(t.i0, t.i1);
   for (Tetragon& t : mesh.tetragons)
     if (flipped(t.shader)) std::swap(t.i0, t.i2);
+}
+
+float poseTime() {
+  // Without a camera the frame counts as one sample.
+  const int samples = renderer.camera < int(cameras.size()) ? std::max(1, cameras[renderer.camera].sample) : 1;
+  return (float(renderer.pass) + 0.5f) / float(samples);
 }
 
 void poseParticles(ParticleSet& set, const Matrix4f& matrix) { poseSet(set, matrix); }
