@@ -6,6 +6,8 @@
 #include "frame/report.h"
 #include "frame/scene_file.h"
 #include "geometry/object_block.h"
+#include "lights/gaffer.h"
+#include "lights/sky.h"
 #include "output/camera.h"
 #include "output/render_loop.h"
 #include "qz.h"
@@ -26,6 +28,12 @@ bool dispatchBlock(const std::string& keyword, std::istream& file) {
     defineShaderFromBlock(file);
   } else if (keyword == "object") {
     readObjectBlock(objects[size_t(qzAddObject())], file);
+  } else if (keyword == "sky_light") {
+    readSkyLightBlock(file);
+  } else if (keyword == "point_light") {
+    readPointLightBlock(file, pointLights[size_t(qzAddPointLight())]);
+  } else if (keyword == "parallel_light") {
+    readParallelLightBlock(file, parallelLights[size_t(qzAddParallelLight())]);
   } else {
     return false;
   }
