@@ -63,7 +63,7 @@ bool testLeaf(const Object& object, uint64_t reference, Ray& ray) {
   bool found = false;
   switch (referenceKind(reference)) {
     case kindTriangle:
-      for (uint32_t i = first; i < first + count; ++i) found |= closestTriangle(object, i, ray);
+      found = closestTriangles(object, first, count, ray);
       break;
     case kindTetragon:
       for (uint32_t i = first; i < first + count; ++i) found |= closestTetragon(object, i, ray);

@@ -31,11 +31,12 @@ void enterShadowInstance(const Object& object, uint32_t i, Ray& ray) {
 bool leafBlocks(const Object& object, uint64_t reference, Ray& ray) {
   const uint32_t first = referenceIndex(reference), last = first + referenceCount(reference);
   const uint8_t kind = referenceKind(reference);
+  if (kind == kindTriangle) {
+    if (shadowTriangles(object, first, last - first, ray)) ray.throughput *= black;
+    return isBlocked(ray);
+  }
   for (uint32_t i = first; i < last; ++i) {
     switch (kind) {
-      case kindTriangle:
-        if (shadowTriangle(object, i, ray)) ray.throughput *= black;
-        break;
       case kindTetragon:
         if (shadowTetragon(object, i, ray)) ray.throughput *= black;
         break;
