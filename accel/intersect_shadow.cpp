@@ -64,7 +64,7 @@ void intersectShadow(const Object& object, Ray& ray) {
   if (object.bvhNodes.empty()) return;
   const BvhNode* nodes = object.bvhNodes.data();
   // Here a zero component counts as backwards.
-  const RayLanes lanes = broadcastRay(ray, [](float component) { return component <= 0; });
+  const RayLanes lanes = broadcastRay(ray, true);
   StackEntry stack[stackSize];
   StackEntry* top = stack;
   StackEntry* const end = stack + stackSize;
