@@ -1,7 +1,5 @@
 // The nearest-hit walk: one ray against the eight boxes of a node at a time,
 // children visited nearest first, the far limit shrinking with every hit.
-#include <algorithm>
-
 #include "accel/node_test.h"
 #include "accel/primitive_tests.h"
 #include "accel/traversal.h"
