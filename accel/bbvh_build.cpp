@@ -1,5 +1,7 @@
 // Stage 1 of the hierarchy: a binary tree by binned surface-area splits,
 // one parallel loop per level, and the refit that gives its nodes their boxes.
+#include <immintrin.h>
+
 #include <algorithm>
 #include <atomic>
 #include <utility>
@@ -24,9 +26,16 @@ struct BuildTask {
 
 constexpr int binCount = 16;
 
+// A bin's box on four lanes; the fourth lane carries whatever the load brought along.
 struct Bin {
-  Box box;
+  __m128 min = _mm_set1_ps(infinity), max = _mm_set1_ps(-infinity);
   uint32_t count = 0;
+  Box box() const {
+    alignas(16) float low[4], high[4];
+    _mm_store_ps(low, min);
+    _mm_store_ps(high, max);
+    return {{low[0], low[1], low[2]}, {high[0], high[1], high[2]}};
+  }
 };
 
 struct Level {
@@ -45,11 +54,29 @@ bool contains(const Box& box, const BuildEntry& e) {
          e.max.y <= box.max.y && e.max.z <= box.max.z;
 }
 
-// f is (1 / extent) (centre - low) 16 on the axis.
-int binOf(float f) {
-  // Written so that a NaN lands in bin 0 rather than in an undefined conversion.
-  if (!(f >= 0)) return 0;
-  return f < binCount ? int(f) : binCount - 1;
+// Counts every primitive in one bin per axis, bin trunc((1 / extent) (centre - low) 16)
+// limited to 0..15, with a NaN in bin 0. The loads of a corner take the next
+// float along in the fourth lane, which nothing reads.
+void fillBins(const BuildEntry* e, uint32_t count, Vec3f low, Vec3f extent, Bin (&bins)[3][binCount]) {
+  const __m128 lowest = _mm_setr_ps(low.x, low.y, low.z, 0);
+  const __m128 scale = _mm_setr_ps(1.0f / extent.x, 1.0f / extent.y, 1.0f / extent.z, 0);
+  const __m128 half = _mm_set1_ps(0.5f), bins16 = _mm_set1_ps(float(binCount));
+  const __m128 first = _mm_setzero_ps(), last = _mm_set1_ps(float(binCount - 1));
+  alignas(16) int32_t index[4];
+  for (uint32_t i = 0; i < count; ++i) {
+    const __m128 min = _mm_loadu_ps(&e[i].min.x), max = _mm_loadu_ps(&e[i].max.x);
+    const __m128 centre = _mm_mul_ps(_mm_add_ps(min, max), half);
+    __m128 f = _mm_mul_ps(_mm_mul_ps(scale, _mm_sub_ps(centre, lowest)), bins16);
+    f = _mm_min_ps(_mm_max_ps(f, first), last);  // max answers its second operand for a NaN
+    _mm_store_si128(reinterpret_cast<__m128i*>(index), _mm_cvttps_epi32(f));
+    for (int axis = 0; axis < 3; ++axis) {
+      Bin& bin = bins[axis][index[axis]];
+      // Operands in this order pass a NaN corner over, as growBox does.
+      bin.min = _mm_min_ps(min, bin.min);
+      bin.max = _mm_max_ps(max, bin.max);
+      ++bin.count;
+    }
+  }
 }
 
 // Returns the size of the left side, or 0 when no split was found.
@@ -57,16 +84,7 @@ uint32_t splitBySurfaceArea(BuildEntry* e, uint32_t count, Vec3f low, Vec3f high
   Vec3f extent = high - low;
   if (extent.x == 0 && extent.y == 0 && extent.z == 0) return 0;
   Bin bins[3][binCount];
-  const Vec3f scale{1.0f / extent.x, 1.0f / extent.y, 1.0f / extent.z};
-  for (uint32_t i = 0; i < count; ++i) {
-    const Vec3f c = centre(e[i]);
-    for (int axis = 0; axis < 3; ++axis) {
-      if (extent[axis] == 0) continue;
-      Bin& bin = bins[axis][binOf(scale[axis] * (c[axis] - low[axis]) * float(binCount))];
-      growBox(bin.box, e[i].min, e[i].max);
-      ++bin.count;
-    }
-  }
+  fillBins(e, count, low, extent, bins);
   float best = infinity;
   Box left, right;
   for (int axis = 0; axis < 3; ++axis) {
@@ -77,7 +95,7 @@ uint32_t splitBySurfaceArea(BuildEntry* e, uint32_t count, Vec3f low, Vec3f high
     Box running;
     uint32_t n = 0;
     for (int k = binCount - 1; k > 0; --k) {
-      growBox(running, bins[axis][k].box);
+      growBox(running, bins[axis][k].box());
       n += bins[axis][k].count;
       suffix[k] = running;
       suffixCount[k] = n;
@@ -87,7 +105,7 @@ uint32_t splitBySurfaceArea(BuildEntry* e, uint32_t count, Vec3f low, Vec3f high
     for (int k = 1; k < binCount; ++k) {
       // Past an empty bin both sides and so the cost repeat, and only a strictly smaller cost counts.
       if (k > 1 && bins[axis][k - 1].count == 0) continue;
-      growBox(prefix, bins[axis][k - 1].box);
+      growBox(prefix, bins[axis][k - 1].box());
       m += bins[axis][k - 1].count;
       float cost = halfArea(prefix.min, prefix.max) * float(m) +
                    halfArea(suffix[k].min, suffix[k].max) * float(suffixCount[k]);
@@ -175,9 +193,12 @@ std::vector<BuildEntry> gatherEntries(const Object& object) {
   return entries;
 }
 
+// Appends a leaf's primitives and answers where they start.
 template <typename T>
-void appendByIndex(std::vector<T>& to, const std::vector<T>& from, const BuildEntry* e, uint32_t count) {
+uint32_t appendLeaf(std::vector<T>& to, const std::vector<T>& from, const BuildEntry* e, uint32_t count) {
+  const uint32_t start = uint32_t(to.size());
   for (uint32_t i = 0; i < count; ++i) to.push_back(from[e[i].index]);
+  return start;
 }
 
 // Leaves take their primitives' new positions: every index after this is in leaf order.
@@ -187,30 +208,14 @@ void reorderPrimitives(Object& object, const std::vector<BuildEntry>& entries) {
   std::vector<Triangle> triangles;
   std::vector<Tetragon> tetragons;
   std::vector<Instance> instances;
-  for (BuildRecord& record : object.buildRecords) {
-    if (record.count == 0) continue;
-    const BuildEntry* e = entries.data() + record.link;
-    switch (record.kind) {
-      case kindParticle:
-        record.link = uint32_t(particles.size());
-        appendByIndex(particles, object.particles.indices, e, record.count);
-        break;
-      case kindCylinder:
-        record.link = uint32_t(cylinders.size());
-        appendByIndex(cylinders, object.cylinders.indices, e, record.count);
-        break;
-      case kindTriangle:
-        record.link = uint32_t(triangles.size());
-        appendByIndex(triangles, object.mesh.triangles, e, record.count);
-        break;
-      case kindTetragon:
-        record.link = uint32_t(tetragons.size());
-        appendByIndex(tetragons, object.mesh.tetragons, e, record.count);
-        break;
-      default:
-        record.link = uint32_t(instances.size());
-        appendByIndex(instances, object.instances, e, record.count);
-    }
+  for (BuildRecord& r : object.buildRecords) {
+    if (r.count == 0) continue;
+    const BuildEntry* e = entries.data() + r.link;
+    if (r.kind == kindParticle) r.link = appendLeaf(particles, object.particles.indices, e, r.count);
+    if (r.kind == kindCylinder) r.link = appendLeaf(cylinders, object.cylinders.indices, e, r.count);
+    if (r.kind == kindTriangle) r.link = appendLeaf(triangles, object.mesh.triangles, e, r.count);
+    if (r.kind == kindTetragon) r.link = appendLeaf(tetragons, object.mesh.tetragons, e, r.count);
+    if (r.kind == kindInstance) r.link = appendLeaf(instances, object.instances, e, r.count);
   }
   object.particles.indices = std::move(particles);
   object.cylinders.indices = std::move(cylinders);
@@ -225,6 +230,11 @@ void buildBinaryTree(Object& object) {
   int64_t start = clockNanoseconds();
   std::vector<BuildEntry> entries = gatherEntries(object);
   std::vector<BuildRecord>& records = object.buildRecords;
+  // Preparation may have dropped every primitive that named a missing vertex.
+  if (entries.empty()) {
+    records.clear();
+    return;
+  }
   records.assign(1, BuildRecord{});
   std::vector<BuildTask> tasks{{0, 0, uint32_t(entries.size())}}, output;
   uint32_t nodeCount = 1;

@@ -50,6 +50,7 @@ void qzStartup() {
 
 void qzInitialize() {
   qzInitializeAccelerator();
+  qzInitializeCameras();
   loadImages();
   qzInitializeShaders();
   qzInitializeRenderer();
@@ -58,6 +59,7 @@ void qzInitialize() {
 void qzFinalize() {
   qzFinalizeRenderer();
   qzFinalizeAccelerator();
+  qzFinalizeCameras();
   qzFinalizeShaders();
   freeImages();
 }
@@ -65,6 +67,19 @@ void qzFinalize() {
 void qzShutdown() {
   releaseNumberTables();
   stopImages();
+}
+
+void qzGo(const char* directory) {
+  qzStartup();
+  qzLoadScene(directory);
+  qzInitialize();
+  qzRender();
+  if (renderer.preview) {
+    std::cout << "         click to close the preview window. happy rendering. thank you!         " << std::endl;
+    printRule();
+  }
+  qzFinalize();
+  qzShutdown();
 }
 
 // Kept so that older hosts still link; they do nothing.

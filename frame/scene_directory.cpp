@@ -5,6 +5,8 @@
 
 #include "frame/report.h"
 #include "frame/scene_file.h"
+#include "output/camera.h"
+#include "output/render_loop.h"
 #include "qz.h"
 #include "shading/image.h"
 #include "shading/shader.h"
@@ -13,11 +15,18 @@ std::string sceneDirectory;
 std::vector<std::string> geometrySearchPaths;
 
 bool dispatchBlock(const std::string& keyword, std::istream& file) {
-  if (keyword == "shader") {
+  if (keyword == "render") {
+    readRenderBlock(file);
+  } else if (keyword == "camera") {
+    Camera camera;
+    readCameraBlock(file, camera);
+    cameras.push_back(std::move(camera));
+  } else if (keyword == "shader") {
     defineShaderFromBlock(file);
-    return true;
+  } else {
+    return false;
   }
-  return false;
+  return true;
 }
 
 void readSceneFile(const std::string& path) {

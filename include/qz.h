@@ -84,6 +84,25 @@ QZ_API void qzSetShaderImage(int id, int side, int channel, const char* image, f
 
 /* Cameras */
 QZ_API void qzSetCameraName(int camera, const char* name);
+QZ_API int qzAddCamera();
+QZ_API void qzSetCameraProjection(int camera, int projection);
+QZ_API void qzSetCameraTime(int camera, float time);
+QZ_API void qzSetCameraSample(int camera, int sample);
+QZ_API void qzSetCameraResolution(int camera, int width, int height);
+QZ_API void qzSetCameraRegion(int camera, int x0, int y0, int x1, int y1);
+QZ_API void qzSetCameraExposure(int camera, float r, float g, float b);
+QZ_API void qzSetCameraAngleMeasure(int camera, int measure);
+QZ_API void qzSetCameraPosition(int camera, float x, float y, float z);
+QZ_API void qzSetCameraTarget(int camera, float x, float y, float z);
+QZ_API void qzSetCameraUpVector(int camera, float x, float y, float z);
+QZ_API void qzSetCameraFOV(int camera, float fov);
+QZ_API void qzSetCameraBokeh(int camera, float bokeh);
+
+/* Camera AOVs: element 0 of a camera is its beauty image */
+QZ_API int qzAddCameraAOV(int camera);
+QZ_API void qzSetCameraAOVName(int camera, int aov, const char* name);
+QZ_API void qzSetCameraAOVUserData(int camera, int aov, const char* name);
+QZ_API void qzSetCameraAOVChannel(int camera, int aov, int channel);
 
 /* Objects, instances and vertex data.
    Kinds: 1 particles, 2 cylinders, 3 triangles, 4 tetragons. */

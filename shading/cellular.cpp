@@ -12,10 +12,9 @@ const int8_t noOffset[3] = {0, 0, 0};
 
 // Offsets of the 26 neighbours: faces, edges, corners.
 const int8_t neighbourOffsets[26][3] = {
-    {1, 0, 0},   {-1, 0, 0},  {0, 1, 0},   {0, -1, 0},   {0, 0, 1},  {0, 0, -1},  {1, 1, 0},
-    {1, -1, 0},  {-1, 1, 0},  {-1, -1, 0}, {0, 1, 1},    {0, 1, -1}, {0, -1, 1},  {0, -1, -1},
-    {1, 0, 1},   {1, 0, -1},  {-1, 0, 1},  {-1, 0, -1},  {1, 1, 1},  {-1, 1, 1},  {1, -1, 1},
-    {-1, -1, 1}, {1, 1, -1},  {-1, 1, -1}, {1, -1, -1},  {-1, -1, -1}};
+    {1, 0, 0},   {-1, 0, 0}, {0, 1, 0},  {0, -1, 0},  {0, 0, 1},   {0, 0, -1},  {1, 1, 0},   {1, -1, 0},  {-1, 1, 0},
+    {-1, -1, 0}, {0, 1, 1},  {0, 1, -1}, {0, -1, 1},  {0, -1, -1}, {1, 0, 1},   {1, 0, -1},  {-1, 0, 1},  {-1, 0, -1},
+    {1, 1, 1},   {-1, 1, 1}, {1, -1, 1}, {-1, -1, 1}, {1, 1, -1},  {-1, 1, -1}, {1, -1, -1}, {-1, -1, -1}};
 
 struct OuterOffsets {
   int8_t offset[54][3];
@@ -44,13 +43,13 @@ constexpr OuterOffsets outerOffsets = makeOuterOffsets();
 // land on a far cell instead of overflowing the integer.
 int32_t cellOf(float v) { return int32_t(std::fmin(std::fmax(std::floor(v), -1073741824.0f), 1073741824.0f)); }
 
-void hashCell(const int32_t cell[3], const int8_t* offset, uint32_t seed, float out[4]) {
-  cellHash(uint32_t(cell[0] + offset[0]), uint32_t(cell[1] + offset[1]), uint32_t(cell[2] + offset[2]), seed, out);
-}
-
-Vec3f featurePlace(const int32_t cell[3], const int8_t* offset, const float* hash) {
-  return {float(cell[0] + offset[0]) + hash[0], float(cell[1] + offset[1]) + hash[1],
-          float(cell[2] + offset[2]) + hash[2]};
+FeaturePoint featurePoint(const int32_t cell[3], const int8_t* offset, uint32_t seed) {
+  int32_t c[3];
+  for (int k = 0; k < 3; ++k) c[k] = cell[k] + offset[k];
+  FeaturePoint point;
+  cellHash(uint32_t(c[0]), uint32_t(c[1]), uint32_t(c[2]), seed, point.hash);
+  point.place = {float(c[0]) + point.hash[0], float(c[1]) + point.hash[1], float(c[2]) + point.hash[2]};
+  return point;
 }
 }  // namespace
 
@@ -81,36 +80,36 @@ void cellHash(uint32_t x, uint32_t y, uint32_t z, uint32_t seed, float out[4]) {
 float cellular(CellNoise& noise, Vec3f p, uint32_t seed, float feature[4]) {
   const int32_t cell[3] = {cellOf(p.x), cellOf(p.y), cellOf(p.z)};
   if (!noise.valid || noise.seed != seed || !std::equal(cell, cell + 3, noise.cell)) {
-    hashCell(cell, noOffset, seed, noise.inner[0]);
-    for (int n = 0; n < 26; ++n) hashCell(cell, neighbourOffsets[n], seed, noise.inner[n + 1]);
+    noise.inner[0] = featurePoint(cell, noOffset, seed);
+    for (int n = 0; n < 26; ++n) noise.inner[n + 1] = featurePoint(cell, neighbourOffsets[n], seed);
     std::copy(cell, cell + 3, noise.cell);
     noise.seed = seed;
     noise.valid = true;
     noise.outerValid = false;
   }
-  auto take = [&](const float* hash) { std::copy(hash, hash + 4, feature); };
-
-  float d = length(featurePlace(cell, noOffset, noise.inner[0]) - p);
-  take(noise.inner[0]);
-  for (int n = 0; n < 26; ++n) {
-    const float dn = length(featurePlace(cell, neighbourOffsets[n], noise.inner[n + 1]) - p);
-    if (dn < d) d = dn, take(noise.inner[n + 1]);
+  // Squared distances decide the nearest point; the root is taken once at the end.
+  const FeaturePoint* nearest = &noise.inner[0];
+  float d2 = lengthSquared(nearest->place - p);
+  for (int n = 1; n < 27; ++n) {
+    const float dn = lengthSquared(noise.inner[n].place - p);
+    if (dn < d2) d2 = dn, nearest = &noise.inner[n];
   }
-  if (d < 1) return d;
-
-  if (!noise.outerValid) {
-    for (int n = 0; n < 54; ++n) hashCell(cell, outerOffsets.offset[n], seed, noise.outer[n]);
-    noise.outerValid = true;
+  if (d2 >= 1) {
+    if (!noise.outerValid) {
+      for (int n = 0; n < 54; ++n) noise.outer[n] = featurePoint(cell, outerOffsets.offset[n], seed);
+      noise.outerValid = true;
+    }
+    // The outer cells are measured at a running sum of their places, starting
+    // from the last neighbour; that is the pattern scenes were made with.
+    Vec3f running = noise.inner[26].place;
+    for (const FeaturePoint& point : noise.outer) {
+      running += point.place;
+      const float dn = lengthSquared(running - p);
+      if (dn < d2) d2 = dn, nearest = &point;
+    }
   }
-  // The outer cells are measured at a running sum of their places, starting
-  // from the last neighbour; that is the pattern scenes were made with.
-  Vec3f running = featurePlace(cell, neighbourOffsets[25], noise.inner[26]);
-  for (int n = 0; n < 54; ++n) {
-    running += featurePlace(cell, outerOffsets.offset[n], noise.outer[n]);
-    const float dn = length(running - p);
-    if (dn < d) d = dn, take(noise.outer[n]);
-  }
-  return std::fmin(d, 1.0f);
+  std::copy(nearest->hash, nearest->hash + 4, feature);
+  return std::fmin(std::sqrt(d2), 1.0f);
 }
 
 Vec3f goldenDirection(float t) {

@@ -10,6 +10,12 @@ void cellHashWords(uint32_t x, uint32_t y, uint32_t z, uint32_t seed, uint32_t o
 // The same words scaled to [0, 1].
 void cellHash(uint32_t x, uint32_t y, uint32_t z, uint32_t seed, float out[4]);
 
+// A cell's hashed point: where it lies and the four hash values it carries.
+struct FeaturePoint {
+  Vec3f place;
+  float hash[4];
+};
+
 // The feature points around the last cell that was asked for, kept per thread
 // and layer so neighbouring lookups skip the hashing.
 struct CellNoise {
@@ -17,8 +23,8 @@ struct CellNoise {
   uint32_t seed = 0;
   bool valid = false;
   bool outerValid = false;
-  float inner[27][4];  // the cell, then its 26 neighbours
-  float outer[54][4];  // the cells two steps away, hashed only when needed
+  FeaturePoint inner[27];  // the cell, then its 26 neighbours
+  FeaturePoint outer[54];  // the cells two steps away, hashed only when needed
 };
 
 // Distance from p to the nearest feature point, at most 1, with that point's four hash values.

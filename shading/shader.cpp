@@ -130,7 +130,7 @@ void prepareHairShader(Shader& shader) {
   // Fibre colours come from the diffuse and glossy channels, never from absorption.
   hair.absorption = black;
   for (int p = 0; p < 3; ++p) {
-    hair.width[p] = halfPi * width[p];
+    hair.width[p] = 1.5707964f * width[p];
     hair.variance[p] = hair.width[p] * hair.width[p];
     hair.normalizer[p] = 1 / (std::sinh(1 / hair.variance[p]) * 2 * hair.variance[p]);
   }

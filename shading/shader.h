@@ -25,15 +25,13 @@ enum ShaderChannel {
   channelCount = 9,
 };
 
-constexpr float halfPi = 1.5707964f;
-
 struct ShaderHair {
   float eta = 1.55f;
   Color3f absorption{0.01f, 0.01f, 0.01f};
-  float width[3] = {0, 0.1f * halfPi, 0.2f * halfPi};  // lobes R, TT, TRT, radians
-  float variance[3] = {0, 0, 0};                      // derived
-  float normalizer[3] = {0, 0, 0};                    // derived
-  float f0 = 0;                                       // derived
+  float width[3] = {0, 0.1f * 1.5707964f, 0.2f * 1.5707964f};  // lobes R, TT, TRT: (0, 0.1, 0.2) times pi/2
+  float variance[3] = {0, 0, 0};                               // derived
+  float normalizer[3] = {0, 0, 0};                             // derived
+  float f0 = 0;                                                // derived
 };
 
 struct ShaderGeometry {
@@ -44,7 +42,7 @@ struct ShaderGeometry {
   TextureNode opacity = constantNode(white);
   float smooth_angle = -1;
   float round_corner = 1;
-  float reduction = infinity;  // clamped to [0, 1] at preparation, so it acts as 1
+  float reduction = infinity;      // clamped to [0, 1] at preparation, so it acts as 1
   uint8_t primary_visibility = 0;  // 1 hidden from first light segments, 2 hidden from camera rays
   uint8_t flip_face = 0;
   uint8_t automatic_hair_uv = 0;

@@ -10,10 +10,15 @@ struct ChannelKey {
   const char* key;
   int channel;
 };
-const ChannelKey channelKeys[] = {
-    {"diffuse", diffuseChannel},     {"emission", emissionChannel},         {"specular", specularChannel},
-    {"glossy", glossyChannel},       {"roughness", roughnessChannel},       {"clear_coat", clearCoatChannel},
-    {"clear_coat_ior", clearCoatIorChannel}, {"jitter", jitterChannel},     {"normal", normalChannel}};
+const ChannelKey channelKeys[] = {{"diffuse", diffuseChannel},
+                                  {"emission", emissionChannel},
+                                  {"specular", specularChannel},
+                                  {"glossy", glossyChannel},
+                                  {"roughness", roughnessChannel},
+                                  {"clear_coat", clearCoatChannel},
+                                  {"clear_coat_ior", clearCoatIorChannel},
+                                  {"jitter", jitterChannel},
+                                  {"normal", normalChannel}};
 
 int channelOfKey(const std::string& key) {
   for (const ChannelKey& entry : channelKeys)

@@ -36,9 +36,9 @@ struct Surface {
   float uv[2] = {0, 0};
   float eta = 1;  // 1 / ior on entering, ior on leaving
   float cos_view = 0;
-  float hair_t = 0;  // 0 at the root, 1 at the tip
-  float hair_h = 0;  // -1 to 1 across the fibre
-  Color3f diffuse[2];   // 0 reflection, 1 transmission
+  float hair_t = 0;    // 0 at the root, 1 at the tip
+  float hair_h = 0;    // -1 to 1 across the fibre
+  Color3f diffuse[2];  // 0 reflection, 1 transmission
   Color3f glossy[2];
   Color3f specular[2];
   LobeWidth alpha[2];

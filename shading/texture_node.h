@@ -21,10 +21,10 @@ struct TextureNode {
   float gamma = 1;
   Matrix4f color_matrix;
   float uv_matrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // row-major
-  uint8_t wrapU = 0, wrapV = 0;  // 0 repeat, 1 clamp; no key sets them
+  uint8_t wrapU = 0, wrapV = 0;                      // 0 repeat, 1 clamp; no key sets them
   PixelSampler pixel_sampler = PixelSampler::stochastic;
   uint8_t colorIdentity = 1, uvIdentity = 1;  // the lookup skips identity matrices
-  float shift[3][3] = {};  // one triple per colour component; stored, not evaluated
+  float shift[3][3] = {};                     // one triple per colour component; stored, not evaluated
   FlakeLayer flake;
   StoneLayer stone;
   Color3f color;

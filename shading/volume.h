@@ -7,12 +7,12 @@
 #include "frame/vec.h"
 
 struct ShaderVolume {
-  Color3f albedo;                // colour of scattered light
-  Color3f transmittance = white; // fraction left per unit of distance
-  Color3f attenuation = white;   // derived: (1 - density) transmittance
-  float average_cosine = 0;      // phase asymmetry, clamped to [-1, 1] at preparation
-  float density = 0;             // fraction of rays that scatter per unit of distance
-  float sigma = 0;               // derived: -ln(1 - density)
+  Color3f albedo;                 // colour of scattered light
+  Color3f transmittance = white;  // fraction left per unit of distance
+  Color3f attenuation = white;    // derived: (1 - density) transmittance
+  float average_cosine = 0;       // phase asymmetry, clamped to [-1, 1] at preparation
+  float density = 0;              // fraction of rays that scatter per unit of distance
+  float sigma = 0;                // derived: -ln(1 - density)
   float ior = 1;
 };
 

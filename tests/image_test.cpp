@@ -210,7 +210,7 @@ TEST_F(Images, SamplersFiltersAndTransforms) {
   writePixel(image, {1, 0, 0}, 1);
   writePixel(image, {0, 1, 0}, 2);
   writePixel(image, {1, 1, 1}, 3);
-  ImageLookup lookup;
+  TextureNode lookup;
   lookup.pixel_sampler = PixelSampler::nearest;
   EXPECT_EQ(sampleImage(image, 0.75f, 0.25f, lookup), (Color3f{1, 0, 0}));
   lookup.pixel_sampler = PixelSampler::bilinear;
@@ -234,7 +234,7 @@ TEST_F(Images, SamplersFiltersAndTransforms) {
   expectNear(sampleImage(grey, 0.25f, 0.25f, lookup), {0.625f, 0.625f, 0.625f}, 1e-6f);
 
   // The uv matrix maps before lookup; the colour matrix divides by green taken twice.
-  lookup = ImageLookup{};
+  lookup = TextureNode{};
   lookup.pixel_sampler = PixelSampler::nearest;
   lookup.uvIdentity = 0;
   const float swap[9] = {0, 1, 0, 1, 0, 0, 0, 0, 1};

@@ -1,0 +1,141 @@
+// AOVs: the aov block, preparation of the framebuffers, first-hit writes and the closing rows.
+#include "output/aov.h"
+
+#include <ctime>
+#include <exception>
+
+#include "frame/renderer.h"
+#include "frame/report.h"
+#include "frame/scene_file.h"
+#include "output/camera.h"
+
+namespace {
+struct TypeWord {
+  const char* word;
+  uint32_t bits;
+};
+
+// A lobe word sets both its radiance bits, reflection and transmission.
+const TypeWord typeWords[] = {
+    {"light_path", 0x2},     {"lambertian", 0x28},  {"diffuse", 0x28},     {"glossy", 0x280},
+    {"specular", 0x2800},    {"emission", 0x8000},  {"normal", 0x10000},   {"tangent", 0x20000},
+    {"position", 0x40000},   {"depth", 0x80000},
+};
+
+// The order in which set bits add their terms to a pixel.
+const uint32_t termOrder[] = {0x10000, 0x20000, 0x40000, 0x80000, 0x10, 0x40, 0x100, 0x400, 0x1000,
+                              0x4000,  0x8,     0x20,    0x80,    0x200, 0x800, 0x2000, 0x8000};
+
+Color3f asColor(Vec3f v) { return {v.x, v.y, v.z}; }
+
+Color3f halfUnit(Vec3f v) { return {(1 + v.x) / 2, (1 + v.y) / 2, (1 + v.z) / 2}; }
+
+Color3f term(uint32_t bit, const Ray& ray, const HitTerms& t) {
+  switch (bit) {
+    case 0x10000: return halfUnit(t.normal);
+    case 0x20000: return halfUnit(t.tangent);
+    case 0x40000: return asColor(t.position);
+    case 0x80000: {
+      const float d = length(t.position - ray.origin);
+      return {d, d, d};
+    }
+    case 0x10: return t.colors[0];
+    case 0x40: return t.colors[1];
+    case 0x100: return t.colors[2];
+    case 0x400: return t.colors[3];
+    case 0x1000: return t.colors[4];
+    case 0x4000: return t.colors[5];
+    case 0x8: return t.radiance[0];
+    case 0x20: return t.radiance[1];
+    case 0x80: return t.radiance[2];
+    case 0x200: return t.radiance[3];
+    case 0x800: return t.radiance[4];
+    case 0x2000: return t.radiance[5];
+    case 0x8000: return t.radiance[6];
+  }
+  return black;
+}
+
+void addToPixel(Image& image, int64_t i, Color3f c) {
+  // A pixel outside the framebuffer (a region set after preparation) is dropped.
+  if (i < 0 || uint64_t(i) + 2 >= image.floats.size()) return;
+  image.floats[i] += c.r;
+  image.floats[i + 1] += c.g;
+  image.floats[i + 2] += c.b;
+}
+}  // namespace
+
+CameraAOV makeBeautyAOV() {
+  CameraAOV aov;
+  aov.channel = beautyChannel;
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char name[32];
+  std::strftime(name, sizeof name, "beauty-%Y%m%d-%H%M%S.hdr", &local);
+  aov.image.name = name;
+  return aov;
+}
+
+uint32_t aovTypeBits(const std::string& word) {
+  for (const TypeWord& entry : typeWords)
+    if (word == entry.word) return entry.bits;
+  return 0;
+}
+
+void readAOVBlock(std::istream& file, CameraAOV& aov) {
+  SceneLine line;
+  while (nextKey(file, line)) {
+    if (line.key == "image") {
+      aov.image.name = readQuotedString(line);
+    } else if (line.key == "shader") {
+      aov.shader_name = readQuotedString(line);
+    } else if (line.key == "type") {
+      const std::string word = readQuotedString(line);
+      if (const uint32_t bits = aovTypeBits(word)) {
+        aov.channel |= bits;
+      } else {
+        aov.channel = userDataChannel;
+        aov.user_data_name = word;
+      }
+    }
+  }
+}
+
+void prepareAOV(CameraAOV& aov, int width, int height) {
+  aov.width = width, aov.height = height;
+  Image& image = aov.image;
+  image.floats = {}, image.bytes = {}, image.words = {}, image.doubles = {}, image.bits = {}, image.shared = {};
+  image.width = image.height = 0;
+  if (width > 0) {
+    try {
+      allocateImage(image, width, height, 3, 32, 0);
+    } catch (const std::exception&) {
+      // A resolution beyond memory leaves the framebuffer empty rather than ending the run.
+      image.floats = {};
+      image.width = image.height = 0;
+      printError("camera - no memory for a framebuffer of " + std::to_string(width) + " x " +
+                 std::to_string(height));
+    }
+  }
+  aov.shader = -1;
+}
+
+int64_t aovBytes(const CameraAOV& aov) { return int64_t(aov.image.floats.size() * sizeof(float)); }
+
+void writeCameraAOVs(const Ray& ray, const HitTerms& terms) {
+  if (size_t(renderer.camera) >= cameras.size()) return;
+  const float f = 1.0f / float(ray.sample_count);
+  for (CameraAOV& aov : cameras[renderer.camera].aovs) {
+    const int64_t i = int64_t(ray.pixel) * aov.image.channels;
+    for (uint32_t bit : termOrder)
+      if (aov.channel & bit) addToPixel(aov.image, i, term(bit, ray, terms) * f);
+  }
+}
+
+void reportAOV(const CameraAOV& aov) {
+  Color3f mean, variance;
+  imageStatistics(aov.image, mean, variance);
+  printTripleRow("avgerage", mean.r, mean.g, mean.b, aov.image.name);
+  printTripleRow("variance", variance.r, variance.g, variance.b, aov.image.name);
+}

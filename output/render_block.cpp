@@ -1,0 +1,33 @@
+// The render block of scene files: renderer settings and the final-gather sub-block.
+#include "frame/renderer.h"
+#include "frame/scene_file.h"
+#include "output/render_loop.h"
+#include "shading/image.h"
+
+namespace {
+void readFinalGatherBlock(std::istream& file) {
+  SceneLine line;
+  while (nextKey(file, line)) {
+    if (line.key == "ray_depth") line.words >> renderer.ray_depth;
+    else if (line.key == "photon_depth") line.words >> renderer.photon_depth;
+    else if (line.key == "sample") line.words >> renderer.sample;
+    else if (line.key == "bounce") line.words >> renderer.bounce;
+    else if (line.key == "resolution") line.words >> renderer.resolution;
+    else if (line.key == "radius") line.words >> renderer.radius;
+  }
+}
+}  // namespace
+
+void readRenderBlock(std::istream& file) {
+  // A later render block discards an earlier one, but for the colours, gamma and exposure.
+  restoreRendererDefaults();
+  SceneLine line;
+  while (nextKey(file, line)) {
+    if (line.key == "clamp") readFloats(line, &renderer.clamp.r, 3);
+    else if (line.key == "error") readFloats(line, &renderer.error.r, 3);
+    else if (line.key == "gamma") line.words >> renderer.display_gamma;
+    else if (line.key == "exposure") line.words >> renderer.exposure;
+    else if (line.key == "final_gather") readFinalGatherBlock(file);
+    else if (line.key == "image_path") addImageSearchPath(readQuotedString(line));
+  }
+}

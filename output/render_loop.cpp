@@ -1,0 +1,120 @@
+// The pass loop over the rows of the region, the progress lines and the closing of a render.
+#include "output/render_loop.h"
+
+#include <GL/freeglut.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "accel/ray.h"
+#include "frame/renderer.h"
+#include "frame/report.h"
+#include "geometry/scene_assembly.h"
+#include "output/camera.h"
+#include "output/preview.h"
+#include "qz.h"
+
+namespace {
+// Pass number and beauty accumulation differ between the two kinds of pass; the rest is one loop.
+void runPass(std::vector<Color3f>* out) {
+  Camera& camera = cameras[renderer.camera];
+  const Region region = camera.region;
+  const int columns = std::max(region.max_x - region.min_x, 0);
+  Image& beauty = camera.aovs[0].image;
+  const int pass = renderer.pass;
+  const float share = 1.0f / float(camera.sample);
+  resetRayCounters();
+  const int64_t start = clockNanoseconds();
+#pragma omp parallel for schedule(dynamic, 1)
+  for (int y = region.min_y; y < region.max_y; ++y) {
+    for (int x = region.min_x; x < region.max_x; ++x) {
+      Ray ray;
+      generatePixelSample(camera, x, y, pass, ray);
+      // The path integrator answers here once it lands: L = tracePath(ray) while ray.bounces < ray_depth.
+      Color3f L = black;
+      L = acceptSample(L);
+      const int64_t p = int64_t(y) * camera.width + x;
+      if (out) {
+        (*out)[size_t(int64_t(y - region.min_y) * columns + x - region.min_x)] = L;
+        writePixel(beauty, readPixel(beauty, p) + L * share, p);
+      } else {
+        writePixel(beauty, runningMean(readPixel(beauty, p), L, pass), p);
+      }
+    }
+  }
+  renderer.elapsed += (clockNanoseconds() - start) / 1000;
+}
+
+void closeRender(int64_t start) {
+  Camera& camera = cameras[renderer.camera];
+  printRule();
+  for (const CameraAOV& aov : camera.aovs) reportAOV(aov);
+  printRule();
+  printRow("rendering time", float(clockNanoseconds() - start) * 1e-9f, "seconds", 3);
+  printRule();
+  for (const CameraAOV& aov : camera.aovs) saveImage(aov.image);
+}
+
+bool haveCamera() { return renderer.camera >= 0 && size_t(renderer.camera) < cameras.size(); }
+}  // namespace
+
+Color3f acceptSample(Color3f L) {
+  for (int c = 0; c < 3; ++c)
+    if (!std::isfinite(L[c])) return renderer.error;
+  for (int c = 0; c < 3; ++c) L[c] = std::min(L[c], renderer.clamp[c]);
+  return L;
+}
+
+Color3f runningMean(Color3f old, Color3f L, int pass) {
+  return (float(pass) * old + L) * (1.0f / float(pass + 1));
+}
+
+void renderPass() { runPass(nullptr); }
+
+void renderPixels(std::vector<Color3f>& out) {
+  const Region& r = cameras[renderer.camera].region;
+  out.assign(size_t(std::max(r.max_y - r.min_y, 0)) * size_t(std::max(r.max_x - r.min_x, 0)), black);
+  runPass(&out);
+}
+
+void progressiveStep() {
+  // Taken once per process: a second render counts its time from the first.
+  static const int64_t start = clockNanoseconds();
+  const Camera& camera = cameras[renderer.camera];
+  if (renderer.pass < camera.sample) {
+    const int p = renderer.pass;
+    renderer.elapsed = 0;
+    renderPass();
+    // An empty region can take no measurable time; its rate shows as 0.
+    printProgress(int((double(p + 1) * 100.0) / camera.sample),
+                  float(totalRays()) / float(std::max<int64_t>(renderer.elapsed, 1)));
+    updateMovingObjects();
+    ++renderer.pass;
+    if (renderer.pass == camera.sample) closeRender(start);
+  }
+  if (renderer.preview) {
+    displayPreview();
+    glutPostRedisplay();
+  }
+}
+
+void qzRender() {
+  // A scene without a camera has nothing to render.
+  if (!haveCamera()) return;
+  renderer.pass = 0;
+  if (renderer.preview) {
+    runPreviewWindow();
+    return;
+  }
+  for (int i = 0; i < cameras[renderer.camera].sample; ++i) progressiveStep();
+}
+
+void qzRenderPixels(int count, float* pixels, int pass) {
+  if (!haveCamera()) return;
+  std::vector<Color3f> colors(size_t(std::max(count, 0)));
+  renderer.pass = uint16_t(pass);
+  renderPixels(colors);
+  const size_t n = std::min(size_t(std::max(count, 0)), colors.size());
+  for (size_t i = 0; i < n; ++i)
+    for (int c = 0; c < 3; ++c) pixels[i * 3 + c] = colors[i][c];
+}

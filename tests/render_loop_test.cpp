@@ -1,0 +1,231 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <limits>
+#include <regex>
+#include <sstream>
+
+#include "frame/renderer.h"
+#include "output/camera.h"
+#include "output/render_loop.h"
+#include "qz.h"
+#include "tests/test_util.h"
+
+namespace {
+const float notANumber = std::numeric_limits<float>::quiet_NaN();
+const float inf = std::numeric_limits<float>::infinity();
+
+class RenderLoop : public testing::Test {
+ protected:
+  void SetUp() override {
+    quietStartup();
+    cameras.clear();
+    folder = scratchFolder("render-loop");
+  }
+  void TearDown() override {
+    cameras.clear();
+    renderer.preview = false;
+    qzSetRendererClamp(3.4e38f, 3.4e38f, 3.4e38f);
+    qzSetRendererError(0, 0, 0);
+  }
+
+  // A camera whose files go to the scratch folder, prepared quietly.
+  int addCamera(int width, int height, int sample) {
+    const int c = qzAddCamera();
+    qzSetCameraResolution(c, width, height);
+    qzSetCameraSample(c, sample);
+    qzSetCameraAOVName(c, 0, (folder + "/beauty" + std::to_string(c) + ".pfm").c_str());
+    return c;
+  }
+  void prepare() {
+    captureOutput([] { qzInitializeCameras(); });
+    renderer.camera = 0;
+  }
+
+  std::string folder;
+};
+
+// Every sample of the loop is black until the integrator answers; an upper
+// clamp below zero is the one way the loop itself can mark the pixels it touched.
+void markRenderedPixels() { qzSetRendererClamp(-1, -2, 0.5f); }
+const Color3f marked{-1, -2, 0};
+}  // namespace
+
+TEST(RenderSample, NaNAndInfinityBecomeTheErrorColourElseTheClampLimitsFromAbove) {
+  renderer.error = {0.25f, 0.5f, 1};
+  renderer.clamp = {1, 2, 3};
+  EXPECT_EQ(acceptSample({notANumber, 0, 0}), renderer.error);
+  EXPECT_EQ(acceptSample({0, inf, 0}), renderer.error);
+  EXPECT_EQ(acceptSample({0, 0, -inf}), renderer.error);
+  EXPECT_EQ(acceptSample({5, 5, 5}), Color3f(1, 2, 3));
+  // No lower limit: negative values pass.
+  EXPECT_EQ(acceptSample({-4, 1.5f, 2.5f}), Color3f(-4, 1.5f, 2.5f));
+  renderer.error = black;
+  renderer.clamp = {infinity, infinity, infinity};
+}
+
+TEST(RenderSample, RunningMeanPullsABadPassBackOverLaterPasses) {
+  Color3f pixel = black;
+  for (int pass = 0; pass < 10; ++pass) {
+    const Color3f L = pass == 3 ? acceptSample({notANumber, notANumber, notANumber}) : white;
+    pixel = runningMean(pixel, L, pass);
+    // The error colour, black, pulls by 1/4 in pass 3; later passes pull the mean back.
+    if (pass == 3) {
+      EXPECT_FLOAT_EQ(pixel.r, 0.75f);
+    }
+  }
+  EXPECT_NEAR(pixel.g, 0.9f, 1e-6);
+}
+
+TEST_F(RenderLoop, ProgressLinesThenTheClosingReportAndTheFiles) {
+  const int c = addCamera(8, 4, 3);
+  const int depth = qzAddCameraAOV(c);
+  qzSetCameraAOVChannel(c, depth, 0x80000);
+  const std::string depthName = folder + "/depth.pfm";
+  qzSetCameraAOVName(c, depth, depthName.c_str());
+  prepare();
+  const std::string text = captureOutput([] { qzRender(); });
+  const std::string progress = R"( *(\d+)\[%\]  +\d+\.\d\d\[M rays/s\] \n)";
+  const std::string rule = std::string(80, '_') + "\n\n";
+  const std::string beauty = folder + "/beauty0.pfm";
+  const std::string rows = "avgerage      0.000       0.000       0.000 \\[" + beauty + "\\]\n" +
+                           "variance      0.000       0.000       0.000 \\[" + beauty + "\\]\n" +
+                           "avgerage      0.000       0.000       0.000 \\[" + depthName + "\\]\n" +
+                           "variance      0.000       0.000       0.000 \\[" + depthName + "\\]\n";
+  const std::regex report(" 33\\[%\\]  +\\d+\\.\\d\\d\\[M rays/s\\] \n"
+                          " 66\\[%\\]  +\\d+\\.\\d\\d\\[M rays/s\\] \n"
+                          "100\\[%\\]  +\\d+\\.\\d\\d\\[M rays/s\\] \n" +
+                          rule + rows + rule + "rendering time +\\d+\\.\\d{3} \\[seconds\\]\n" + rule);
+  EXPECT_TRUE(std::regex_match(text, report)) << text;
+  EXPECT_EQ(renderer.pass, 3);
+  for (const std::string& name : {beauty, depthName}) {
+    Image image;
+    image.name = name;
+    ASSERT_TRUE(loadImage(image)) << name;
+    EXPECT_EQ(image.width, 8);
+    EXPECT_EQ(image.height, 4);
+  }
+}
+
+TEST_F(RenderLoop, OneSampleClosesInTheFirstStep) {
+  addCamera(2, 2, 1);
+  prepare();
+  const std::string text = captureOutput([] { qzRender(); });
+  EXPECT_EQ(text.substr(0, 6), "100[%]");
+  EXPECT_NE(text.find("rendering time"), std::string::npos);
+}
+
+TEST_F(RenderLoop, OnlyTheRegionIsRendered) {
+  const int c = addCamera(12, 10, 4);
+  qzSetCameraRegion(c, 2, 3, 7, 9);
+  prepare();
+  markRenderedPixels();
+  captureOutput([] { qzRender(); });
+  const Image& beauty = cameras[c].aovs[0].image;
+  for (int y = 0; y < 10; ++y)
+    for (int x = 0; x < 12; ++x) {
+      const bool inside = x >= 2 && x < 7 && y >= 3 && y < 9;
+      const Color3f p = readPixel(beauty, y * 12 + x);
+      EXPECT_FLOAT_EQ(p.r, inside ? marked.r : 0) << x << " " << y;
+      EXPECT_FLOAT_EQ(p.g, inside ? marked.g : 0) << x << " " << y;
+      EXPECT_FLOAT_EQ(p.b, 0);
+    }
+}
+
+TEST_F(RenderLoop, EmptyRegionStillReportsEveryPassAndLeavesBlack) {
+  const int c = addCamera(6, 6, 2);
+  qzSetCameraRegion(c, 4, 4, 4, 6);
+  prepare();
+  markRenderedPixels();
+  const std::string text = captureOutput([] { qzRender(); });
+  EXPECT_EQ(text.substr(0, 50), " 50[%]   0.00[M rays/s] \n100[%]   0.00[M rays/s] \n");
+  for (float v : cameras[c].aovs[0].image.floats) EXPECT_EQ(v, 0);
+}
+
+TEST_F(RenderLoop, RenderPixelsOverAllPassesEqualsTheBeautyOfRender) {
+  const int width = 9, height = 7, sample = 5;
+  const int c = addCamera(width, height, sample);
+  qzSetCameraRegion(c, 1, 2, 8, 6);
+  prepare();
+  markRenderedPixels();
+  captureOutput([] { qzRender(); });
+  const std::vector<float> rendered = cameras[c].aovs[0].image.floats;
+
+  prepare();
+  const int count = 7 * 4;
+  std::vector<float> pixels(count * 3, 99);
+  for (int pass = sample - 1; pass >= 0; --pass) {
+    // Any order of passes: each adds its share.
+    EXPECT_EQ(captureOutput([&] { qzRenderPixels(count, pixels.data(), pass); }), "");
+    for (int i = 0; i < count; ++i) {
+      EXPECT_EQ(pixels[i * 3], marked.r);
+      EXPECT_EQ(pixels[i * 3 + 1], marked.g);
+      EXPECT_EQ(pixels[i * 3 + 2], marked.b);
+    }
+  }
+  const std::vector<float>& summed = cameras[c].aovs[0].image.floats;
+  ASSERT_EQ(summed.size(), rendered.size());
+  for (size_t i = 0; i < summed.size(); ++i) EXPECT_NEAR(summed[i], rendered[i], 1e-6) << i;
+  // A count that does not match the region copies no more than both hold.
+  std::vector<float> few(3 * 3, 7);
+  qzRenderPixels(3, few.data(), 0);
+  EXPECT_EQ(few[8], marked.b);
+}
+
+TEST_F(RenderLoop, NoCameraRendersNothing) {
+  EXPECT_EQ(captureOutput([] { qzRender(); }), "");
+  float pixel[3] = {5, 5, 5};
+  qzRenderPixels(1, pixel, 0);
+  EXPECT_EQ(pixel[0], 5);
+}
+
+TEST_F(RenderLoop, FinalizingCamerasWritesEveryCameraAgain) {
+  const int a = addCamera(4, 4, 1);
+  const int b = addCamera(2, 2, 1);
+  prepare();
+  captureOutput([] { qzRender(); });
+  const std::string first = folder + "/beauty" + std::to_string(a) + ".pfm";
+  const std::string second = folder + "/beauty" + std::to_string(b) + ".pfm";
+  EXPECT_TRUE(std::filesystem::exists(first));
+  EXPECT_FALSE(std::filesystem::exists(second));
+  std::filesystem::remove(first);
+  qzFinalizeCameras();
+  EXPECT_TRUE(std::filesystem::exists(first));
+  EXPECT_TRUE(std::filesystem::exists(second));
+  EXPECT_TRUE(cameras.empty());
+}
+
+TEST(RenderBlock, RestoresDefaultsThenReadsItsKeysAndTheFinalGather) {
+  renderer.sample = 5;
+  renderer.radius = 3;
+  renderer.final_gather = true;
+  std::istringstream file(
+      "clamp 4 5 6\n"
+      "error 1 0 1\n"
+      "gamma 1.8\n"
+      "exposure 2\n"
+      "image_path \"textures/\"\n"
+      "final_gather\n"
+      "  ray_depth 3\n  photon_depth 4\n  bounce 2\n  resolution 0.5\n"
+      "end\n"
+      "end\n");
+  readRenderBlock(file);
+  EXPECT_EQ(renderer.clamp, Color3f(4, 5, 6));
+  EXPECT_EQ(renderer.error, Color3f(1, 0, 1));
+  EXPECT_EQ(renderer.display_gamma, 1.8f);
+  EXPECT_EQ(renderer.exposure, 2);
+  EXPECT_EQ(renderer.ray_depth, 3);
+  EXPECT_EQ(renderer.photon_depth, 4);
+  EXPECT_EQ(renderer.bounce, 2);
+  EXPECT_EQ(renderer.resolution, 0.5f);
+  // Restored, since no key set them again.
+  EXPECT_EQ(renderer.sample, 64);
+  EXPECT_EQ(renderer.radius, 0);
+  EXPECT_FALSE(renderer.final_gather);
+  EXPECT_EQ(imageSearchPaths.back(), "textures/");
+  renderer.clamp = {infinity, infinity, infinity};
+  renderer.error = black;
+  renderer.display_gamma = 2.2f;
+  restoreRendererDefaults();
+}
