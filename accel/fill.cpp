@@ -38,12 +38,6 @@ void beginFill(const Ray& ray, Surface& s) {
   s.instance_id = ray.hit.instance_id;
 }
 
-// The frame comes back from the placements around the hit, then the lobes are set.
-void setupSurface(const Shader& shader, const Ray& ray, Surface& s) {
-  transformFrameToWorld(s, instanceNormalMatrices(ray.thread), ray.hit.depth);
-  setupScattering(shader, ray.facing, s);
-}
-
 Vec3f blend(const Vec3f* v, const float* w, int count) {
   Vec3f sum = zeroVector;
   for (int i = 0; i < count; ++i) sum += w[i] * v[i];
@@ -232,4 +226,14 @@ void fillCylinder(const CylinderSet& set, const Ray& ray, const Shader&, Surface
   // A random turn about the axis stands for where across the round fibre the ray landed.
   surface.normal = surface.geometric_normal = h * surface.bitangent + std::sqrt(1 - h * h) * across;
   surface.bitangent = cross(surface.normal, surface.tangent);
+}
+
+void fillSurface(const Ray& ray, const Shader& shader, Surface& surface) {
+  const Object& object = *ray.hit.object;
+  switch (ray.hit.kind) {
+    case kindParticle: fillParticle(object.particles, ray, shader, surface); break;
+    case kindCylinder: fillCylinder(object.cylinders, ray, shader, surface); break;
+    case kindTriangle: fillTriangle(object.mesh, ray, shader, surface); break;
+    case kindTetragon: fillTetragon(object.mesh, ray, shader, surface); break;
+  }
 }

@@ -15,3 +15,5 @@ void fillParticle(const ParticleSet& set, const Ray& ray, const Shader& shader, 
 // Sets the fibre's frame, turned about its axis by a random angle; the
 // fibre's colours come from the hair shading, not from the scattering setup.
 void fillCylinder(const CylinderSet& set, const Ray& ray, const Shader& shader, Surface& surface);
+// Chooses the fill of the hit's kind, with the primitive's own set of `hit.object`.
+void fillSurface(const Ray& ray, const Shader& shader, Surface& surface);

@@ -7,6 +7,8 @@
 #include "frame/renderer.h"
 #include "frame/report.h"
 #include "frame/sampling.h"
+#include "lights/gaffer.h"
+#include "lights/sky.h"
 #include "qz.h"
 #include "shading/image.h"
 #include "shading/shader.h"
@@ -43,6 +45,7 @@ void qzStartup() {
   printIntegerRow("number of threads", omp_get_max_threads(), "n/a");
   printIntegerRow("number of processors", omp_get_num_procs(), "n/a");
   printRule();
+  resetSkyLight();
   restoreRendererDefaults();
   buildSlopeTables();
   createDefaultShader();
@@ -53,11 +56,16 @@ void qzInitialize() {
   qzInitializeCameras();
   loadImages();
   qzInitializeShaders();
+  prepareSky();
+  prepareGaffer();
   qzInitializeRenderer();
 }
 
 void qzFinalize() {
   qzFinalizeRenderer();
+  freeParallelLights();
+  freePointLights();
+  finalizeSky();
   qzFinalizeAccelerator();
   qzFinalizeCameras();
   qzFinalizeShaders();

@@ -5,6 +5,8 @@
 
 #include "frame/report.h"
 #include "frame/scene_file.h"
+#include "lights/gaffer.h"
+#include "lights/sky.h"
 #include "output/camera.h"
 #include "output/render_loop.h"
 #include "qz.h"
@@ -23,6 +25,12 @@ bool dispatchBlock(const std::string& keyword, std::istream& file) {
     cameras.push_back(std::move(camera));
   } else if (keyword == "shader") {
     defineShaderFromBlock(file);
+  } else if (keyword == "sky_light") {
+    readSkyLightBlock(file);
+  } else if (keyword == "point_light") {
+    readPointLightBlock(file, pointLights[size_t(qzAddPointLight())]);
+  } else if (keyword == "parallel_light") {
+    readParallelLightBlock(file, parallelLights[size_t(qzAddParallelLight())]);
   } else {
     return false;
   }

@@ -115,3 +115,45 @@ QZ_API int qzAddVertexData(int object, int kind, const char* name, int count, in
 QZ_API int qzAddInstance(int object);
 QZ_API void qzSetInstance(int object, int instance, int target, const float* matrix);
 QZ_API void qzOverrideShader(int object, int instance, const char* from, const char* to);
+
+/* Point and parallel lights. A parallel light's direction is the way its light
+   travels; a point light's direction is the axis of its spot cone. Angles in degrees. */
+QZ_API int qzAddPointLight();
+QZ_API void qzSetPointLightPosition(int id, float x, float y, float z);
+QZ_API void qzSetPointLightDirection(int id, float x, float y, float z);
+QZ_API void qzSetPointLightColor(int id, float r, float g, float b);
+QZ_API void qzSetPointLightPhoton(int id, int n);
+QZ_API void qzSetPointLightSample(int id, int n);
+QZ_API void qzSetPointLightBlur(int id, float v);
+QZ_API void qzSetPointLightOffset(int id, float v);
+QZ_API void qzSetPointLightInnerAngle(int id, float degrees);
+QZ_API void qzSetPointLightOuterAngle(int id, float degrees);
+QZ_API void qzSetPointLightLink(int id, int shader_id);
+QZ_API int qzAddPointLightAOV(int id);
+QZ_API void qzSetPointLightAOVName(int id, int aov, const char* name);
+QZ_API void qzSetPointLightAOVChannel(int id, int aov, int channel);
+QZ_API int qzAddParallelLight();
+QZ_API void qzSetParallelLightDirection(int id, float x, float y, float z);
+QZ_API void qzSetParallelLightColor(int id, float r, float g, float b);
+QZ_API void qzSetParallelLightPhoton(int id, int n);
+QZ_API void qzSetParallelLightSample(int id, int n);
+QZ_API void qzSetParallelLightBlur(int id, float v);
+QZ_API void qzSetParallelLightOffset(int id, float v);
+QZ_API void qzSetParallelLightLink(int id, int shader_id);
+QZ_API int qzAddParallelLightAOV(int id);
+QZ_API void qzSetParallelLightAOVName(int id, int aov, const char* name);
+QZ_API void qzSetParallelLightAOVChannel(int id, int aov, int channel);
+
+/* Sky light: a constant colour, or an environment image in latitude-longitude form */
+QZ_API void qzSetSkyLightImage(const char* name);
+QZ_API void qzSetSkyLightBackdrop(const char* name);
+QZ_API void qzSetSkyLightPhoton(int n);
+QZ_API void qzSetSkyLightSample(int n);
+QZ_API void qzSetSkyLightColor(float r, float g, float b);
+QZ_API void qzSetSkyLightNorth(float x, float y, float z);
+QZ_API void qzSetSkyLightZenith(float x, float y, float z);
+QZ_API void qzSetSkyLightShader(int shader_id);
+QZ_API void qzSetSkyLightLink(int shader_id);
+QZ_API int qzAddSkyLightAOV();
+QZ_API void qzSetSkyLightAOVName(int aov, const char* name);
+QZ_API void qzSetSkyLightAOVChannel(int aov, int channel);

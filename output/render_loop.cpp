@@ -13,6 +13,7 @@
 #include "output/camera.h"
 #include "output/preview.h"
 #include "qz.h"
+#include "transport/path.h"
 
 namespace {
 // Pass number and beauty accumulation differ between the two kinds of pass; the rest is one loop.
@@ -30,8 +31,8 @@ void runPass(std::vector<Color3f>* out) {
     for (int x = region.min_x; x < region.max_x; ++x) {
       Ray ray;
       generatePixelSample(camera, x, y, pass, ray);
-      // The path integrator answers here once it lands: L = tracePath(ray) while ray.bounces < ray_depth.
       Color3f L = black;
+      if (ray.bounces < renderer.ray_depth) tracePath(L, ray);
       L = acceptSample(L);
       const int64_t p = int64_t(y) * camera.width + x;
       if (out) {

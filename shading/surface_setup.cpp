@@ -96,3 +96,8 @@ void setupScattering(const Shader& shader, float facing, Surface& s) {
   const Color3f j = s.jitter;
   s.jitter_on = !(j.r <= 1e-6f && j.g <= 1e-6f && j.b <= 1e-6f);
 }
+
+void setupSurface(const Shader& shader, const Ray& ray, Surface& s) {
+  transformFrameToWorld(s, instanceNormalMatrices(ray.thread), ray.hit.depth);
+  setupScattering(shader, ray.facing, s);
+}

@@ -2,6 +2,7 @@
 // on the near and far sides, the clear coat's share, and the lobe widths.
 #pragma once
 
+#include "accel/ray.h"
 #include "shading/shader.h"
 #include "shading/surface.h"
 
@@ -14,3 +15,6 @@ void transformFrameToWorld(Surface& surface, const float (*normalMatrices)[9], i
 // Fills the colours, widths, eta and `_on` bytes of a surface whose frame,
 // position and view are set; facing above 0 means the front was hit.
 void setupScattering(const Shader& shader, float facing, Surface& surface);
+// What the fills of faces and particles call last: the frame is brought back
+// from the placements around the ray's hit, then the lobes are set.
+void setupSurface(const Shader& shader, const Ray& ray, Surface& surface);

@@ -20,6 +20,7 @@ class RenderLoop : public testing::Test {
  protected:
   void SetUp() override {
     quietStartup();
+    qzSetSkyLightColor(0, 0, 0);
     cameras.clear();
     folder = scratchFolder("render-loop");
   }
@@ -46,7 +47,7 @@ class RenderLoop : public testing::Test {
   std::string folder;
 };
 
-// Every sample of the loop is black until the integrator answers; an upper
+// Every sample is black in a world of no objects under a black sky; an upper
 // clamp below zero is the one way the loop itself can mark the pixels it touched.
 void markRenderedPixels() { qzSetRendererClamp(-1, -2, 0.5f); }
 const Color3f marked{-1, -2, 0};

@@ -1,0 +1,103 @@
+// What every light shares: the record of point and parallel lights, the
+// shaders a light is linked to, and the pieces of direct lighting that the
+// sky and the geometry light use as well.
+#pragma once
+
+#include <cstdint>
+#include <istream>
+#include <string>
+#include <vector>
+
+#include "accel/ray.h"
+#include "frame/scene_file.h"
+#include "frame/vec.h"
+#include "output/aov.h"
+#include "shading/sampling_shapes.h"
+#include "shading/surface.h"
+#include "shading/texture_node.h"
+#include "transport/lobe_radiance.h"
+
+// Which shaders a light illuminates. The names come from a scene file and are
+// turned into identifiers at preparation; no identifiers means every shader.
+struct LightLink {
+  std::vector<int> shaders;
+  std::vector<std::string> names;
+};
+
+struct Light {
+  virtual ~Light() = default;
+  // Restores the defaults of the kind.
+  virtual void reset() = 0;
+  // Fills `ray` for photon `index`: its start, direction and flux (in `weight`).
+  // The shaders its first segment may light are the light's own `link`.
+  virtual void emit(Ray& ray, uint64_t index) const = 0;
+
+  Frame frame{{1, 0, 0}, {0, 0, 1}, {0, -1, 0}};  // the third row is the axis
+  Color3f color = white;
+  Color3f power = white;  // total flux of the photons, derived at preparation
+  int64_t photon = 0;
+  float blur = 0;  // radius of a point light, half angle in degrees of a parallel light
+  float ior = 1;   // index of refraction that photons start in
+  int sample = 1;  // samples per shading point at the first bounce
+  TextureNode image;  // kept for hosts that set it; nothing reads it
+  LightLink link;
+  std::vector<CameraAOV> aovs;
+  float cos_max = 1;  // cosine of the cone of blur or of emission
+  float offset = 0.1f;  // moves the terminator of the diffuse lobes
+};
+
+// Set by each photon emission: 1 while the sky casts, 0 for point and
+// parallel lights. The photon store keeps no caustics from the sky.
+extern uint8_t skyPhoton;
+
+// The shader ids of the names, appended: an unknown name links shader 0.
+void resolveLink(LightLink& link);
+bool linkAllows(const LightLink& link, uint32_t shader);
+
+// Appends a light's AOV as the exports and the `aov` block make it, named
+// "undefined", and returns its index.
+int addLightAOV(std::vector<CameraAOV>& aovs);
+// The record of an identifier from a host, or null when it is out of range:
+// such a call then changes nothing.
+template <class T>
+T* recordAt(std::vector<T>& records, int id) {
+  return id >= 0 && size_t(id) < records.size() ? &records[size_t(id)] : nullptr;
+}
+void setLightAOVName(std::vector<CameraAOV>& aovs, int aov, const char* name);
+// ORs into the mask, unlike the camera's setter, which replaces it.
+void addLightAOVChannel(std::vector<CameraAOV>& aovs, int aov, int channel);
+// The two sub-blocks of every light block, `aov` and `link` (lines
+// `shader "name"`); false for any other key.
+bool readAOVOrLinkKey(SceneLine& line, std::istream& file, std::vector<CameraAOV>& aovs, LightLink& link);
+// Sizes every AOV as the rendered camera and clears it.
+void prepareLightAOVs(std::vector<CameraAOV>& aovs);
+// Adds value times the ray's throughput over its sample count to each AOV
+// that has any of `bits`.
+void addToLightAOVs(std::vector<CameraAOV>& aovs, uint32_t bits, Color3f value, const Ray& ray);
+// The bit of a light AOV that takes what arrives along this ray: by the event
+// that made it, and the emission bit on a path's first segment.
+uint32_t lightAOVBits(const Ray& ray);
+
+// The pass count P of the rendered camera, at least 1.
+int passCount();
+// The bounce index: non-specular bounces so far.
+inline uint32_t bounceIndex(const Ray& ray) { return ray.cursor.dimension / 2; }
+// Mean colour of the lobes that are on: how much a light sample is worth here.
+float lobeAverage(const Surface& surface);
+// Samples a light takes at a first-bounce hit over all passes: scaled by the
+// lobes and the throughput, at most `sample`, at least P, a multiple of P.
+int firstBounceSampleCount(const Surface& surface, const Ray& ray, int sample);
+// Transmittance from `origin` along `direction` to `distance`, passing over the
+// primitive that the ray `from` hit.
+Color3f shadowTransmittance(const Ray& from, Vec3f origin, Vec3f direction, float distance);
+// The last step of direct lighting: the four accumulators (diffuse and glossy,
+// reflection and transmission) take their lobe colours and go to the
+// integrator and to the light's AOVs.
+void finishDirectLight(Color3f accumulators[4], const Surface& surface, LobeRadiance& lobes,
+                       std::vector<CameraAOV>& aovs, const Ray& ray);
+// The common start of a photon's first segment: from no primitive, event 2,
+// white throughput, the sample `index` in `dimension`, scramble 0.
+void startPhoton(Ray& ray, uint64_t index, uint32_t dimension, float ior);
+// A point of the unit disk from two numbers in [0, 1], by the concentric map
+// with the sectors split on |a| against |b|.
+void diskPoint(float u1, float u2, float& x, float& y);

@@ -1,0 +1,447 @@
+#include <regex>
+#include <sstream>
+
+#include "frame/scene_directory.h"
+#include "shading/microfacet.h"
+#include "tests/light_fixture.h"
+
+namespace {
+
+void readBlocks(const std::string& text) {
+  std::istringstream file(text);
+  std::string keyword;
+  while (file >> keyword) dispatchBlock(keyword, file);
+}
+
+// Direct light of one light at one point, as the integrator would gather it.
+template <class AnyLight>
+LobeRadiance lightAt(AnyLight& light, const Surface& surface, const Ray& ray = cameraHit()) {
+  LobeRadiance lobes;
+  shadeSurface(light, lobes, ray, surface);
+  return lobes;
+}
+
+float terminator(float c, float offset) { return std::clamp((c - offset) / (1 - offset), 0.0f, 1.0f); }
+
+// A large square at height 1 over the half x < 0 of the ground.
+void halfRoof() {
+  const std::vector<float> p = {-10, 1, -10, 0, 1, -10, 0, 1, 10, -10, 1, 10};
+  const int o = qzAddObject();
+  qzAddVertexData(o, 3, "position", 4, 3, p.data());
+  const unsigned faces[6] = {0, 1, 2, 0, 2, 3};
+  qzAddPrimitives(o, 3, 2, faces);
+  captureOutput([] { qzInitializeAccelerator(); });
+}
+
+}  // namespace
+
+TEST_F(LightTest, BlocksReadEveryKeyAndExportsStoreWhatTheyAreGiven) {
+  readBlocks(
+      "point_light\n color 2 3 4\n position 1 2 3\n direction 0 0 -1\n blur 0.5\n sample 9\n"
+      " photon 5000000000\n inner_angle 10\n outer_angle 30\n offset 0.2\n ior 1.5\n"
+      " aov\n  image \"p.hdr\"\n  type \"diffuse\"\n  type \"glossy\"\n end\n"
+      " link\n  shader \"a\"\n  shader \"b\"\n end\nend\n"
+      "parallel_light\n direction 0 -1 0\n color 5 5 5\n blur 2\n position 9 9 9\n inner_angle 3\nend\n");
+  ASSERT_EQ(pointLights.size(), 1u);
+  ASSERT_EQ(parallelLights.size(), 1u);
+  const PointLight& p = pointLights[0];
+  EXPECT_EQ(p.color, Color3f(2, 3, 4));
+  EXPECT_EQ(p.position, Vec3f(1, 2, 3));
+  EXPECT_EQ(p.direction, Vec3f(0, 0, -1));
+  EXPECT_EQ(p.blur, 0.5f);
+  EXPECT_EQ(p.sample, 9);
+  EXPECT_EQ(p.photon, 5000000000);
+  EXPECT_EQ(p.inner_angle, 10);
+  EXPECT_EQ(p.outer_angle, 30);
+  EXPECT_EQ(p.offset, 0.2f);
+  EXPECT_EQ(p.ior, 1.5f);
+  ASSERT_EQ(p.aovs.size(), 1u);
+  EXPECT_EQ(p.aovs[0].image.name, "p.hdr");
+  EXPECT_EQ(p.aovs[0].channel, 0x2A8u);
+  EXPECT_EQ(p.link.names, (std::vector<std::string>{"a", "b"}));
+  EXPECT_TRUE(p.link.shaders.empty());
+  // The parallel light has no position or cone: those keys pass unread.
+  const ParallelLight& q = parallelLights[0];
+  EXPECT_EQ(q.frame.normal, Vec3f(0, -1, 0));
+  EXPECT_EQ(q.color, Color3f(5, 5, 5));
+  EXPECT_EQ(q.blur, 2.0f);
+
+  const int id = qzAddPointLight();
+  EXPECT_EQ(id, 1);
+  const PointLight& fresh = pointLights[1];
+  EXPECT_EQ(fresh.color, white);
+  EXPECT_EQ(fresh.sample, 1);
+  EXPECT_EQ(fresh.offset, 0.1f);
+  EXPECT_EQ(fresh.direction, Vec3f(0, 1, 0));
+  EXPECT_EQ(fresh.outer_angle, 180);
+  EXPECT_EQ(fresh.photon, 0);
+  qzSetPointLightPhoton(id, -3);
+  EXPECT_EQ(pointLights[1].photon, -3);
+  EXPECT_EQ(qzAddPointLightAOV(id), 0);
+  EXPECT_EQ(pointLights[1].aovs[0].image.name, "undefined");
+  qzSetPointLightAOVChannel(id, 0, 0x8);
+  qzSetPointLightAOVChannel(id, 0, 0x80);
+  EXPECT_EQ(pointLights[1].aovs[0].channel, 0x88u);
+  qzSetParallelLightDirection(0, 1, 0, 0);
+  EXPECT_EQ(parallelLights[0].frame.normal, Vec3f(1, 0, 0));
+  pointLights[1].reset();
+  EXPECT_TRUE(pointLights[1].aovs.empty());
+
+  // Identifiers out of range change nothing.
+  qzSetPointLightColor(7, 1, 1, 1);
+  qzSetParallelLightAOVName(0, 5, "x");
+  qzSetPointLightAOVName(0, 0, nullptr);
+  EXPECT_EQ(qzAddParallelLightAOV(-1), -1);
+  EXPECT_EQ(pointLights[0].aovs[0].image.name, "");
+}
+
+TEST_F(LightTest, PreparationResolvesLinksDerivesConesAndPowerAndReportsBothArrays) {
+  qzSetShaderName(qzAddShader(), "lit");
+  sceneCenter = {0, 0, 0};
+  sceneRadius = 2;
+  const int outside = qzAddPointLight(), inside = qzAddPointLight();
+  PointLight& far = pointLights[outside];
+  far.position = {0, 4, 0};
+  far.photon = 10;
+  far.color = {1, 2, 3};
+  far.direction = {0, -2, 0};
+  far.outer_angle = 90;
+  far.inner_angle = 45;
+  far.link.names = {"lit", "no such shader"};
+  pointLights[inside].position = {1, 0, 0};
+  pointLights[inside].photon = 1;
+  const int sun = qzAddParallelLight();
+  qzSetParallelLightDirection(sun, 0, 0, -3);
+  qzSetParallelLightBlur(sun, 60);
+  qzSetParallelLightPhoton(sun, 5);
+  qzSetParallelLightLink(sun, 1);
+
+  const std::string out = captureOutput([] { qzInitializeGaffer(); });
+  EXPECT_TRUE(std::regex_match(out, std::regex("parallel lights +[0-9]+ \\[bytes\\]         1 +[0-9.]+ \\[M bytes\\]\n"
+                                               "point    lights +[0-9]+ \\[bytes\\]         2 +[0-9.]+ \\[M bytes\\]\n")))
+      << out;
+  EXPECT_EQ(far.link.shaders, (std::vector<int>{1, 0}));
+  EXPECT_EQ(far.direction, Vec3f(0, -1, 0));
+  EXPECT_EQ(far.all_directions, 0);
+  // The cone towards the scene's sphere: tan = R / d.
+  EXPECT_NEAR(far.cos_max, 4 / std::sqrt(20.0f), 1e-6);
+  EXPECT_NEAR(far.frame.normal.y, -1, 1e-6);
+  EXPECT_NEAR(far.power.b, 2 * testPi * (1 - far.cos_max) * 3, 1e-5);
+  EXPECT_NEAR(far.outer_radians, testPi / 2, 1e-6);
+  EXPECT_NEAR(far.inner_radians, testPi / 4, 1e-6);
+  EXPECT_EQ(pointLights[inside].all_directions, 1);
+  EXPECT_NEAR(pointLights[inside].power.r, 4 * testPi, 1e-5);
+  const ParallelLight& p = parallelLights[sun];
+  EXPECT_EQ(p.frame.normal, Vec3f(0, 0, -1));
+  EXPECT_NEAR(dot(p.frame.tangent, p.frame.normal), 0, 1e-6);
+  EXPECT_NEAR(dot(p.frame.bitangent, p.frame.tangent), 0, 1e-6);
+  EXPECT_NEAR(p.cos_max, 0.5f, 1e-6);
+  EXPECT_NEAR(p.power.g, testPi * 4, 1e-5);
+  EXPECT_EQ(p.link.shaders, (std::vector<int>{1}));
+
+  // A scattering sky sends every point light's photons everywhere.
+  sky.volume.albedo = {0, 0, 0.5f};
+  captureOutput([] { prepareGaffer(); });
+  EXPECT_EQ(far.all_directions, 1);
+
+  qzFinalizeGaffer();
+  EXPECT_TRUE(pointLights.empty() && parallelLights.empty());
+  EXPECT_EQ(captureOutput([] { qzInitializeGaffer(); }), "");
+}
+
+TEST_F(LightTest, SpotFactorRampsLinearlyBetweenTheTwoAngles) {
+  PointLight& light = pointLights[size_t(qzAddPointLight())];
+  captureOutput([] { prepareGaffer(); });
+  // The default: axis up and outer angle 180 is a falloff linear in the angle from up.
+  EXPECT_NEAR(spotFactor(light, {0, 1, 0}), 1, 1e-6);
+  EXPECT_NEAR(spotFactor(light, {1, 0, 0}), 0.5f, 1e-6);
+  EXPECT_NEAR(spotFactor(light, normalize({1, -1, 0})), 0.25f, 1e-6);
+  EXPECT_NEAR(spotFactor(light, {0, -1, 0}), 0, 1e-6);
+
+  light.direction = {0, -1, 0};
+  light.inner_angle = 20;
+  light.outer_angle = 40;
+  captureOutput([] { prepareGaffer(); });
+  auto at = [&](float degrees) {
+    const float a = degrees * testPi / 180;
+    return spotFactor(light, {std::sin(a), -std::cos(a), 0});
+  };
+  EXPECT_NEAR(at(0), 1, 1e-6);
+  EXPECT_NEAR(at(19.9f), 1, 1e-6);
+  EXPECT_NEAR(at(25), 0.75f, 1e-5);
+  EXPECT_NEAR(at(30), 0.5f, 1e-5);
+  EXPECT_NEAR(at(40.1f), 0, 1e-6);
+  EXPECT_NEAR(at(120), 0, 1e-6);
+  // Equal angles make a hard edge and never a NaN.
+  light.inner_angle = light.outer_angle = 30;
+  captureOutput([] { prepareGaffer(); });
+  EXPECT_EQ(at(20), 1);
+  EXPECT_EQ(at(30), 0);
+  EXPECT_EQ(at(40), 0);
+}
+
+TEST_F(LightTest, PointLightOverADiffusePlane) {
+  const float h = 2, I = 3;
+  const Color3f rho{0.5f, 0.25f, 0.8f};
+  PointLight& light = pointLights[size_t(qzAddPointLight())];
+  light.position = {0, h, 0};
+  light.color = {I, I, I};
+  light.direction = {0, -1, 0};
+  captureOutput([] { prepareGaffer(); });
+
+  // At the foot: cosine 1, spot factor 1.
+  expectColorNear(lightAt(light, planePoint({0, 0, 0}, rho)).diffuse[0], rho * (I / (h * h)), 1e-6f);
+  // Elsewhere: spot factor, soft terminator and inverse square.
+  for (float x : {0.5f, 1.5f, 4.0f, 20.0f}) {
+    const float d2 = x * x + h * h, c = h / std::sqrt(d2);
+    const float spot = (testPi - std::acos(c)) / testPi;
+    const Color3f expected = rho * (I * spot * terminator(c, 0.1f) / d2);
+    expectColorNear(lightAt(light, planePoint({x, 0, 0}, rho)).diffuse[0], expected, 1e-6f);
+  }
+  // Offset 0 is the plain cosine.
+  light.offset = 0;
+  const float c = h / std::sqrt(1 + h * h);
+  expectColorNear(lightAt(light, planePoint({0, 0, 1}, rho)).diffuse[0],
+                  rho * (I * (testPi - std::acos(c)) / testPi * c / (1 + h * h)), 1e-6f);
+
+  // The default axis points up, away from the plane: nothing at the foot, and
+  // the angle from the axis elsewhere.
+  light.direction = {0, 1, 0};
+  light.offset = 0.1f;
+  captureOutput([] { prepareGaffer(); });
+  EXPECT_EQ(lightAt(light, planePoint({0, 0, 0}, rho)).diffuse[0], black);
+  const float x = 1.5f, d2 = x * x + h * h, cx = h / std::sqrt(d2);
+  expectColorNear(lightAt(light, planePoint({x, 0, 0}, rho)).diffuse[0],
+                  rho * (I * (std::acos(cx) / testPi) * terminator(cx, 0.1f) / d2), 1e-6f);
+
+  // Past the renderer's bounce limit a later bounce gets no direct light.
+  light.direction = {0, -1, 0};
+  captureOutput([] { prepareGaffer(); });
+  Ray deep = cameraHit();
+  deep.cursor.dimension = 2;
+  EXPECT_EQ(lightAt(light, planePoint({0, 0, 0}, rho), deep).diffuse[0], black);
+  renderer.bounce = 2;
+  expectColorNear(lightAt(light, planePoint({0, 0, 0}, rho), deep).diffuse[0], rho * (I / (h * h)), 1e-6f);
+}
+
+TEST_F(LightTest, SpotConeCutsOffAtTheOuterAngle) {
+  PointLight& light = pointLights[size_t(qzAddPointLight())];
+  light.position = {0, 1, 0};
+  light.direction = {0, -1, 0};
+  light.inner_angle = 20;
+  light.outer_angle = 40;
+  light.offset = 0;
+  captureOutput([] { prepareGaffer(); });
+  const Color3f rho = white;
+  auto at = [&](float degrees) {
+    const float a = degrees * testPi / 180;
+    return lightAt(light, planePoint({std::tan(a), 0, 0}, rho)).diffuse[0].g;
+  };
+  const float c30 = std::cos(30 * testPi / 180);
+  EXPECT_NEAR(at(10), std::pow(std::cos(10 * testPi / 180), 3.0f), 1e-5);
+  EXPECT_NEAR(at(30), 0.5f * c30 * c30 * c30, 1e-5);
+  EXPECT_EQ(at(41), 0);
+}
+
+TEST_F(LightTest, ParallelLightAndItsSoftShadow) {
+  const Color3f rho{0.5f, 0.5f, 0.5f};
+  ParallelLight& light = parallelLights[size_t(qzAddParallelLight())];
+  light.color = {2, 2, 2};
+  const float theta = 60 * testPi / 180;
+  light.frame.normal = {std::sin(theta), -std::cos(theta), 0};
+  captureOutput([] { prepareGaffer(); });
+  expectColorNear(lightAt(light, planePoint({0, 0, 0}, rho)).diffuse[0], rho * 2 * terminator(0.5f, 0.1f), 1e-6f);
+  // Grazing light below the terminator's offset gives nothing.
+  light.frame.normal = normalize({1, -0.05f, 0});
+  captureOutput([] { prepareGaffer(); });
+  EXPECT_EQ(lightAt(light, planePoint({0, 0, 0}, rho)).diffuse[0], black);
+
+  // A roof over x < 0 casts a hard shadow without blur.
+  halfRoof();
+  light.frame.normal = {0, -1, 0};
+  captureOutput([] { prepareGaffer(); });
+  auto lit = [&](float x) { return lightAt(light, planePoint({x, 0, 0}, white)).diffuse[0].r / 2; };
+  EXPECT_EQ(lit(-0.05f), 0);
+  EXPECT_NEAR(lit(0.05f), 1, 1e-6);
+  // With blur the edge spreads over tan(10 degrees) on each side: a first hit
+  // takes `sample` directions in the cone.
+  light.blur = 10;
+  light.sample = 256;
+  light.offset = 0;
+  captureOutput([] { prepareGaffer(); });
+  const float c = light.cos_max;
+  // Every direction of the cone has a cosine between cos_max and 1.
+  EXPECT_NEAR(lit(-0.5f), 0, 1e-6);
+  EXPECT_GT(lit(0.5f), c - 1e-4f);
+  EXPECT_NEAR(lit(0), 0.5f * (1 + c) / 2, 0.05f);
+  EXPECT_GT(lit(-0.08f), 0.02f);
+  EXPECT_LT(lit(-0.08f), lit(0) - 0.05f);
+  EXPECT_GT(lit(0.08f), lit(0) + 0.05f);
+  EXPECT_LT(lit(0.08f), c - 0.02f);
+}
+
+TEST_F(LightTest, LinkedLightsLightOnlyTheirShaders) {
+  const int a = qzAddShader(), b = qzAddShader();
+  qzSetShaderName(a, "linked");
+  qzSetShaderName(b, "other");
+  PointLight& light = pointLights[size_t(qzAddPointLight())];
+  light.position = {0, 1, 0};
+  light.direction = {0, -1, 0};
+  light.link.names = {"linked"};
+  captureOutput([] { prepareGaffer(); });
+  const Surface s = planePoint({0, 0, 0}, white);
+  EXPECT_NEAR(lightAt(light, s, cameraHit(uint32_t(a))).diffuse[0].r, 1, 1e-6);
+  EXPECT_EQ(lightAt(light, s, cameraHit(uint32_t(b))).diffuse[0], black);
+  EXPECT_EQ(lightAt(light, s, cameraHit(0)).diffuse[0], black);
+  // A name that no shader has links shader 0, the fallback.
+  light.link = {};
+  light.link.names = {"missing"};
+  captureOutput([] { prepareGaffer(); });
+  EXPECT_NEAR(lightAt(light, s, cameraHit(0)).diffuse[0].r, 1, 1e-6);
+  EXPECT_EQ(lightAt(light, s, cameraHit(uint32_t(a))).diffuse[0], black);
+}
+
+TEST_F(LightTest, GlossyLobesTakeFourPiAndTransmissionLightsTheUnderside) {
+  PointLight& light = pointLights[size_t(qzAddPointLight())];
+  light.position = {1, 2, 0};
+  light.direction = normalize({-1, -2, 0});
+  captureOutput([] { prepareGaffer(); });
+  Surface s = planePoint({0, 0, 0}, black);
+  s.diffuse_on[0] = 0;
+  s.view = normalize({-1, 1, 0});
+  s.cos_view = dot(s.view, s.normal);
+  s.glossy[0] = {0.3f, 0.6f, 0.9f};
+  s.glossy_on[0] = 1;
+  s.alpha[0] = {0.3f, 0.3f, 0};
+  s.eta = 1 / 1.5f;
+  const Vec3f l = normalize({1, 2, 0});
+  const float expected = 4 * testPi / 5 * evalGlossyReflection(s, s.view, l) * dot(l, s.normal);
+  ASSERT_GT(expected, 0);
+  expectColorNear(lightAt(light, s).glossy[0], s.glossy[0] * expected, 1e-5f);
+
+  // Diffuse transmission: the light below a surface seen from above.
+  light.position = {0, -1, 0};
+  light.direction = {0, 1, 0};
+  light.offset = 0;
+  Surface under = planePoint({0, 0, 0}, black);
+  under.diffuse_on[0] = 0;
+  under.diffuse[1] = {0.4f, 0.4f, 0.4f};
+  under.diffuse_on[1] = 1;
+  const LobeRadiance lobes = lightAt(light, under);
+  expectColorNear(lobes.diffuse[1], {0.4f, 0.4f, 0.4f}, 1e-6f);
+  EXPECT_EQ(lobes.diffuse[0], black);
+}
+
+TEST_F(LightTest, ASizedLightSpreadsItsSamplesOverThePassesAndFillsItsAOVs) {
+  oneCamera(4, 2, 4);
+  Surface s = planePoint({0, 0, 0}, {0.5f, 0.5f, 0.5f});
+  Ray ray = cameraHit();
+  // lobeAverage 0.5 times throughput 1 times sample 16 asks for 8, a multiple of 4 passes.
+  EXPECT_EQ(firstBounceSampleCount(s, ray, 16), 8);
+  EXPECT_EQ(firstBounceSampleCount(s, ray, 7), 4);
+  EXPECT_EQ(firstBounceSampleCount(s, ray, 2), 4);
+  ray.throughput = {0.1f, 0.1f, 0.1f};
+  EXPECT_EQ(firstBounceSampleCount(s, ray, 1000), 48);
+  s.diffuse_on[0] = 0;
+  EXPECT_EQ(lobeAverage(s), 0);
+
+  PointLight& light = pointLights[size_t(qzAddPointLight())];
+  light.position = {0, 1, 0};
+  light.direction = {0, -1, 0};
+  light.blur = 0.001f;
+  light.sample = 64;
+  light.offset = 0;
+  const int aov = qzAddPointLightAOV(0);
+  qzSetPointLightAOVChannel(0, aov, 0x8);
+  const int glossy = qzAddPointLightAOV(0);
+  qzSetPointLightAOVChannel(0, glossy, 0x80);
+  captureOutput([] { prepareGaffer(); });
+  ASSERT_EQ(light.aovs[0].image.width, 4);
+
+  // Each pass takes its share of the samples, weighted to a whole estimate.
+  const Surface plane = planePoint({0, 0, 0}, {0.5f, 0.5f, 0.5f});
+  Ray hit = cameraHit();
+  hit.pixel = 5;
+  hit.sample_count = 4;
+  hit.throughput = {1, 1, 0.5f};
+  Color3f sum;
+  for (int pass = 0; pass < 4; ++pass) {
+    renderer.pass = uint16_t(pass);
+    sum += lightAt(light, plane, hit).diffuse[0];
+  }
+  expectColorNear(sum, {2, 2, 2}, 4e-3f);
+  // The AOV holds the same, times the throughput, over the sample count.
+  expectColorNear(readPixel(light.aovs[0].image, 5), sum * Color3f(0.25f, 0.25f, 0.125f), 1e-6f);
+  EXPECT_EQ(readPixel(light.aovs[1].image, 5), black);
+  EXPECT_EQ(readPixel(light.aovs[0].image, 4), black);
+}
+
+TEST_F(LightTest, PhotonsLeaveWithTheLightsPower) {
+  sceneCenter = {0, 0, 0};
+  sceneRadius = 1;
+  PointLight& point = pointLights[size_t(qzAddPointLight())];
+  point.position = {0, 0.5f, 0};  // inside the scene: the whole sphere
+  point.color = {1, 2, 3};
+  point.photon = 4096;
+  ParallelLight& parallel = parallelLights[size_t(qzAddParallelLight())];
+  parallel.frame.normal = {0, 0, -1};
+  parallel.photon = 1000;
+  parallel.color = {2, 2, 2};
+  captureOutput([] { prepareGaffer(); });
+  ASSERT_EQ(point.all_directions, 1);
+
+  // The default spot falls off linearly with the angle; over the sphere it keeps half.
+  Color3f total;
+  Vec3f mean;
+  for (uint64_t i = 0; i < 4096; ++i) {
+    Ray ray;
+    point.emit(ray, i);
+    EXPECT_NEAR(length(ray.direction), 1, 1e-5);
+    EXPECT_EQ(ray.origin, point.position);
+    EXPECT_EQ(ray.hit.event, lightEvent);
+    EXPECT_EQ(ray.cursor.dimension, 1u);
+    total += ray.weight;
+    mean += ray.direction / 4096;
+  }
+  expectColorNear(total, Color3f(1, 2, 3) * (2 * testPi), 0.05f);
+  EXPECT_LT(length(mean), 0.01f);
+  EXPECT_EQ(skyPhoton, 0);
+
+  // From outside, photons go into the cone that holds the scene, from the sphere of blur.
+  point.position = {0, 4, 0};
+  point.blur = 0.25f;
+  point.direction = {0, -1, 0};
+  point.inner_angle = 90;  // full intensity all over the cone
+  captureOutput([] { prepareGaffer(); });
+  ASSERT_EQ(point.all_directions, 0);
+  total = black;
+  for (uint64_t i = 0; i < 1000; ++i) {
+    Ray ray;
+    point.emit(ray, i);
+    EXPECT_GE(dot(ray.direction, {0, -1, 0}), point.cos_max - 1e-5f);
+    EXPECT_NEAR(length(ray.origin - point.position), 0.25f, 1e-5);
+    EXPECT_EQ(ray.cursor.dimension, 3u);
+    total += ray.weight;
+  }
+  expectColorNear(total, point.power * (1000.0f / 4096), 1e-5f);
+
+  // A parallel light: a disk of the scene's radius one radius behind the centre.
+  total = black;
+  for (uint64_t i = 0; i < 1000; ++i) {
+    Ray ray;
+    parallel.emit(ray, i);
+    EXPECT_EQ(ray.direction, Vec3f(0, 0, -1));
+    EXPECT_NEAR(ray.origin.z, 1, 1e-6);
+    EXPECT_LE(ray.origin.x * ray.origin.x + ray.origin.y * ray.origin.y, 1 + 1e-5f);
+    EXPECT_EQ(ray.cursor.dimension, 2u);
+    total += ray.weight;
+  }
+  expectColorNear(total, {2 * testPi, 2 * testPi, 2 * testPi}, 1e-3f);
+  parallel.blur = 5;
+  captureOutput([] { prepareGaffer(); });
+  Ray ray;
+  parallel.emit(ray, 17);
+  EXPECT_GE(-ray.direction.z, parallel.cos_max - 1e-6f);
+  EXPECT_LT(-ray.direction.z, 1);
+  EXPECT_EQ(ray.cursor.dimension, 4u);
+}

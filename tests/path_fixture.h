@@ -1,0 +1,101 @@
+// Whole renders with known answers: scenes of flat four-cornered faces built
+// through the exports, a still camera, and the mean of what it saw.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "frame/renderer.h"
+#include "lights/gaffer.h"
+#include "output/camera.h"
+#include "qz.h"
+#include "tests/test_util.h"
+
+constexpr float testPi = 3.14159265f;
+
+class PathTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    quietStartup();
+    qzSetSkyLightColor(0, 0, 0);  // a black world unless a test lights it
+    object = qzAddObject();
+  }
+  void TearDown() override {
+    captureOutput([] { qzFinalize(); });
+  }
+
+  // A new shader with the given colour on both sides of one channel.
+  static int addShader(int channel, Color3f c) {
+    const int id = qzAddShader();
+    qzSetShaderColor(id, 3, channel, c.r, c.g, c.b);
+    return id;
+  }
+
+  // A flat face about `centre` spanned by the half edges u and v; its front
+  // faces along u x v.
+  void addQuad(int shader, Vec3f centre, Vec3f u, Vec3f v) {
+    const Vec3f corners[4] = {centre - u - v, centre + u - v, centre + u + v, centre - u + v};
+    std::vector<float> data;
+    for (const Vec3f& p : corners) data.insert(data.end(), {p.x, p.y, p.z});
+    qzSetObjectShader(object, 4, shader);
+    qzAddVertexData(object, 4, "position", 4, 3, data.data());
+    const unsigned first = vertices;
+    const unsigned indices[4] = {first, first + 1, first + 2, first + 3};
+    qzAddPrimitives(object, 4, 1, indices);
+    vertices += 4;
+  }
+
+  // A square camera of `size` pixels looking from `position` at `target`, its
+  // images kept in memory only.
+  static int addCamera(int size, int passes, Vec3f position, Vec3f target, float fov, Vec3f up = {0, 1, 0}) {
+    const int c = qzAddCamera();
+    qzSetCameraResolution(c, size, size);
+    qzSetCameraSample(c, passes);
+    qzSetCameraAOVName(c, 0, "");
+    for (float time : {0.0f, 1.0f}) {
+      qzSetCameraTime(c, time);
+      qzSetCameraPosition(c, position.x, position.y, position.z);
+      qzSetCameraTarget(c, target.x, target.y, target.z);
+      qzSetCameraUpVector(c, up.x, up.y, up.z);
+      qzSetCameraFOV(c, fov);
+    }
+    return c;
+  }
+
+  static int addAOV(int camera, int channel) {
+    const int aov = qzAddCameraAOV(camera);
+    qzSetCameraAOVName(camera, aov, "");
+    qzSetCameraAOVChannel(camera, aov, channel);
+    return aov;
+  }
+
+  static void render() {
+    captureOutput([] {
+      qzInitialize();
+      qzRender();
+    });
+  }
+
+  static const Image& image(int aov) { return cameras[0].aovs[size_t(aov)].image; }
+  static Color3f pixel(int aov, int p) {
+    const float* f = &image(aov).floats[size_t(p) * 3];
+    return {f[0], f[1], f[2]};
+  }
+  static int pixelCount() { return cameras[0].width * cameras[0].height; }
+  static Color3f meanPixel(int aov) {
+    Color3f sum;
+    for (int p = 0; p < pixelCount(); ++p) sum += pixel(aov, p);
+    return sum / float(pixelCount());
+  }
+
+  int object = 0;
+  unsigned vertices = 0;
+};
+
+inline void expectColorNear(Color3f c, Color3f expected, float tolerance) {
+  EXPECT_NEAR(c.r, expected.r, tolerance);
+  EXPECT_NEAR(c.g, expected.g, tolerance);
+  EXPECT_NEAR(c.b, expected.b, tolerance);
+}
