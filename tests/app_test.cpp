@@ -4,11 +4,11 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "shading/image.h"
 #include "tests/scene_writer.h"
+#include "tests/regex.h"
 #include "tests/test_util.h"
 
 namespace fs = std::filesystem;

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <regex>
 #include <set>
 #include <sstream>
 
 #include "frame/renderer.h"
 #include "output/camera.h"
 #include "qz.h"
+#include "tests/regex.h"
 #include "tests/test_util.h"
 
 namespace {

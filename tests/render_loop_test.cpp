@@ -3,13 +3,13 @@
 #include <cmath>
 #include <filesystem>
 #include <limits>
-#include <regex>
 #include <sstream>
 
 #include "frame/renderer.h"
 #include "output/camera.h"
 #include "output/render_loop.h"
 #include "qz.h"
+#include "tests/regex.h"
 #include "tests/test_util.h"
 
 namespace {
@@ -21,7 +21,9 @@ class RenderLoop : public testing::Test {
   void SetUp() override {
     quietStartup();
     cameras.clear();
-    folder = scratchFolder("render-loop");
+    // Each test its own folder: ctest runs them side by side.
+    const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+    folder = scratchFolder("render-loop-" + name);
   }
   void TearDown() override {
     cameras.clear();
