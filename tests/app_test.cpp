@@ -103,6 +103,11 @@ TEST(QuazelCommand, HelpMissingDirectoryAndStrayArguments) {
   EXPECT_NE(run.status, 0);
   EXPECT_NE(run.err.find("no-such-scene"), std::string::npos) << run.err;
   EXPECT_EQ(run.out, "");
+  // A preview without a display is refused before any work.
+  unsetenv("DISPLAY");
+  run = quazel(work, "--preview");
+  EXPECT_NE(run.status, 0);
+  EXPECT_NE(run.err.find("DISPLAY"), std::string::npos) << run.err;
   run = quazel(work, "--fast");
   EXPECT_NE(run.status, 0);
   EXPECT_NE(run.err.find("--fast"), std::string::npos) << run.err;
