@@ -1,4 +1,5 @@
 // quazel: renders a scene directory with the library's whole run.
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -57,6 +58,10 @@ int main(int argc, char** argv) {
       directory = arg;
     }
   }
+  if (preview && !std::getenv("DISPLAY")) {
+    std::cerr << "quazel: --preview needs a display, and DISPLAY is not set\n";
+    return 1;
+  }
   if (directory.empty()) {
     directory = exampleScene().string();
     if (directory.empty()) {
@@ -64,10 +69,6 @@ int main(int argc, char** argv) {
       return 1;
     }
     std::cout << "quazel: rendering the example scene " << directory << std::endl;
-  }
-  if (preview && !std::getenv("DISPLAY")) {
-    std::cerr << "quazel: --preview needs a display, and DISPLAY is not set\n";
-    return 1;
   }
   std::error_code error;
   if (!fs::is_directory(directory, error)) {

@@ -108,6 +108,7 @@ TEST(QuazelCommand, HelpMissingDirectoryAndStrayArguments) {
   run = quazel(work, "--preview");
   EXPECT_NE(run.status, 0);
   EXPECT_NE(run.err.find("DISPLAY"), std::string::npos) << run.err;
+  EXPECT_EQ(run.out, "");
   run = quazel(work, "--fast");
   EXPECT_NE(run.status, 0);
   EXPECT_NE(run.err.find("--fast"), std::string::npos) << run.err;
