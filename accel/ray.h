@@ -1,5 +1,5 @@
 // The state of one ray segment: what the camera starts, the queries fill and a path carries.
-// Fields stand in the order of the full record; the scene queries add theirs among them.
+// Only the fields the camera and the render loop use so far; the query fields join them in order.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +17,7 @@ struct Hit {
 struct Ray {
   Vec3f origin;
   Vec3f direction;
+  float coords[3] = {0, 0, 0};  // what the primitive test leaves for the hit's vertex weights
   Color3f throughput = white;
   SampleCursor cursor;
   float ior = 1;
