@@ -9,6 +9,8 @@
 #include "frame/sampling.h"
 #include "qz.h"
 #include "shading/image.h"
+#include "shading/shader.h"
+#include "shading/slope_tables.h"
 
 namespace {
 // The reference permutation of the classic gradient noise. Startup copies it
@@ -42,17 +44,23 @@ void qzStartup() {
   printIntegerRow("number of processors", omp_get_num_procs(), "n/a");
   printRule();
   restoreRendererDefaults();
+  buildSlopeTables();
+  createDefaultShader();
 }
 
 void qzInitialize() {
+  qzInitializeAccelerator();
   qzInitializeCameras();
   loadImages();
+  qzInitializeShaders();
   qzInitializeRenderer();
 }
 
 void qzFinalize() {
   qzFinalizeRenderer();
+  qzFinalizeAccelerator();
   qzFinalizeCameras();
+  qzFinalizeShaders();
   freeImages();
 }
 

@@ -9,6 +9,7 @@
 #include "output/render_loop.h"
 #include "qz.h"
 #include "shading/image.h"
+#include "shading/shader.h"
 
 std::string sceneDirectory;
 std::vector<std::string> geometrySearchPaths;
@@ -20,6 +21,8 @@ bool dispatchBlock(const std::string& keyword, std::istream& file) {
     Camera camera;
     readCameraBlock(file, camera);
     cameras.push_back(std::move(camera));
+  } else if (keyword == "shader") {
+    defineShaderFromBlock(file);
   } else {
     return false;
   }

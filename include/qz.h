@@ -60,6 +60,28 @@ QZ_API void qzSetImageColor(int image, int x, int y, float r, float g, float b);
 QZ_API void qzGetImageColor(int image, int x, int y, float& r, float& g, float& b);
 #endif
 
+/* Shaders: `side` is a mask (1 front, 2 back, 3 both), `channel` 0 emission,
+   1 diffuse, 2 specular, 3 glossy, 4 roughness, 5 clear coat, 6 clear coat ior,
+   7 normal, 8 jitter */
+QZ_API int qzAddShader();
+QZ_API void qzSetShaderName(int id, const char* name);
+QZ_API void qzSetShaderIOR(int id, float ior);
+QZ_API void qzSetShaderDensity(int id, float density);
+QZ_API void qzSetShaderAverageCosine(int id, float g);
+QZ_API void qzSetShaderParticleColor(int id, float r, float g, float b);
+QZ_API void qzSetShaderTransmittance(int id, float r, float g, float b);
+QZ_API void qzSetShaderRoundCorner(int id, float v);
+QZ_API void qzSetShaderSmoothAngle(int id, float v);
+QZ_API void qzSetShaderVisibility(int id, int v);
+QZ_API void qzSetShaderTwoSided(int id, bool v);
+QZ_API void qzSetShaderGeometryLight(int id, int side, bool v);
+QZ_API void qzSetShaderColor(int id, int side, int channel, float r, float g, float b);
+QZ_API void qzSetShaderShift(int id, int side, int channel, int component, float a, float b, float c);
+QZ_API void qzSetShaderFlake(int id, int side, int channel, float r, float g, float b, float p, float q, float s);
+QZ_API void qzSetShaderStone(int id, int side, int channel, float a, float b, float c, int level);
+QZ_API void qzSetShaderImage(int id, int side, int channel, const char* image, float gamma, const float* color_matrix,
+                             const float* uv_matrix);
+
 /* Cameras */
 QZ_API void qzSetCameraName(int camera, const char* name);
 QZ_API int qzAddCamera();
@@ -81,3 +103,15 @@ QZ_API int qzAddCameraAOV(int camera);
 QZ_API void qzSetCameraAOVName(int camera, int aov, const char* name);
 QZ_API void qzSetCameraAOVUserData(int camera, int aov, const char* name);
 QZ_API void qzSetCameraAOVChannel(int camera, int aov, int channel);
+
+/* Objects, instances and vertex data.
+   Kinds: 1 particles, 2 cylinders, 3 triangles, 4 tetragons. */
+QZ_API int qzAddObject();
+QZ_API void qzSetObjectName(int object, const char* name);
+QZ_API void qzSetObjectMatrix(int object, const float* matrix);
+QZ_API void qzSetObjectShader(int object, int kind, int shader);
+QZ_API void qzAddPrimitives(int object, int kind, int count, const unsigned* indices);
+QZ_API int qzAddVertexData(int object, int kind, const char* name, int count, int dim, const float* data);
+QZ_API int qzAddInstance(int object);
+QZ_API void qzSetInstance(int object, int instance, int target, const float* matrix);
+QZ_API void qzOverrideShader(int object, int instance, const char* from, const char* to);

@@ -373,40 +373,43 @@ int64_t addressPixel(const Image& image, int x, int y, uint8_t wrapU, uint8_t wr
 }
 
 namespace {
+// Coordinates far outside any image (and NaN) are pinned to a far texel, so the integer never overflows.
+int texelCoordinate(float f) { return int(std::fmin(std::fmax(std::floor(f), -1073741824.0f), 1073741824.0f)); }
+
 Color3f applyGamma(Color3f c, float gamma) {
   return {std::pow(c.r, gamma), std::pow(c.g, gamma), std::pow(c.b, gamma)};
 }
 }  // namespace
 
-Color3f sampleImage(const Image& image, float u, float v, const ImageLookup& lookup) {
-  if (!lookup.uvIdentity) {
-    const float* m = lookup.uv_matrix;
+Color3f sampleImage(const Image& image, float u, float v, const TextureNode& node) {
+  if (!node.uvIdentity) {
+    const float* m = node.uv_matrix;
     const float w = m[6] * u + m[7] * v + m[8];
     const float tu = (m[0] * u + m[1] * v + m[2]) / w;
     v = (m[3] * u + m[4] * v + m[5]) / w;
     u = tu;
   }
   const float fx = image.width * u, fy = image.height * v;
-  int x = int(std::floor(fx)), y = int(std::floor(fy));
+  int x = texelCoordinate(fx), y = texelCoordinate(fy);
   auto texel = [&](int tx, int ty) {
-    return readPixel(image, addressPixel(image, tx, ty, lookup.wrapU, lookup.wrapV));
+    return readPixel(image, addressPixel(image, tx, ty, node.wrapU, node.wrapV));
   };
   Color3f c;
-  if (lookup.pixel_sampler == PixelSampler::bilinear) {
+  if (node.pixel_sampler == PixelSampler::bilinear) {
     const float ax = fx - x, ay = fy - y;
-    const Color3f c00 = applyGamma(texel(x, y), lookup.gamma), c10 = applyGamma(texel(x + 1, y), lookup.gamma);
-    const Color3f c01 = applyGamma(texel(x, y + 1), lookup.gamma);
-    const Color3f c11 = applyGamma(texel(x + 1, y + 1), lookup.gamma);
+    const Color3f c00 = applyGamma(texel(x, y), node.gamma), c10 = applyGamma(texel(x + 1, y), node.gamma);
+    const Color3f c01 = applyGamma(texel(x, y + 1), node.gamma);
+    const Color3f c11 = applyGamma(texel(x + 1, y + 1), node.gamma);
     c = (c00 * (1 - ax) + c10 * ax) * (1 - ay) + (c01 * (1 - ax) + c11 * ax) * ay;
   } else {
-    if (lookup.pixel_sampler == PixelSampler::stochastic) {
+    if (node.pixel_sampler == PixelSampler::stochastic) {
       if (uniformRandom() < fy - y) ++y;
       if (uniformRandom() < fx - x) ++x;
     }
-    c = applyGamma(texel(x, y), lookup.gamma);
+    c = applyGamma(texel(x, y), node.gamma);
   }
-  if (!lookup.colorIdentity) {
-    const Matrix4f& m = lookup.color_matrix;
+  if (!node.colorIdentity) {
+    const Matrix4f& m = node.color_matrix;
     // The divisor takes green twice; scenes are made for this exact form.
     const float w = c.g * m(3, 1) + c.r * m(3, 0) + c.g * m(3, 2) + m(3, 3);
     c = Color3f{m(0, 0) * c.r + m(0, 1) * c.g + m(0, 2) * c.b + m(0, 3),
@@ -415,6 +418,11 @@ Color3f sampleImage(const Image& image, float u, float v, const ImageLookup& loo
         w;
   }
   return c;
+}
+
+int64_t imageMemory(const Image& image) {
+  return int64_t(image.bits.size() + image.bytes.size() + image.shared.size() + image.words.size() * sizeof(uint16_t) +
+                 image.floats.size() * sizeof(float) + image.doubles.size() * sizeof(double));
 }
 
 void imageStatistics(const Image& image, Color3f& mean, Color3f& variance) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "frame/vec.h"
+#include "shading/texture_node.h"
 
 struct Image {
   uint8_t loaded = 0;
@@ -22,19 +23,6 @@ struct Image {
   int32_t height = 0;
   uint8_t sharedExponent = 0;
   uint8_t packFloats = 1;
-};
-
-// What sampleImage reads of a texture node: addressing, filter and the two transforms.
-enum class PixelSampler : uint8_t { nearest, bilinear, stochastic };
-
-struct ImageLookup {
-  PixelSampler pixel_sampler = PixelSampler::stochastic;
-  uint8_t wrapU = 0, wrapV = 0;  // 0 repeat, 1 clamp, anything else unchecked
-  float gamma = 1;
-  uint8_t uvIdentity = 1;
-  float uv_matrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-  uint8_t colorIdentity = 1;
-  Matrix4f color_matrix;
 };
 
 extern std::vector<Image> images;
@@ -54,5 +42,8 @@ void freeImage(Image& image);
 void loadImages();
 void freeImages();
 int64_t addressPixel(const Image& image, int x, int y, uint8_t wrapU, uint8_t wrapV);
-Color3f sampleImage(const Image& image, float u, float v, const ImageLookup& lookup);
+// The filtered lookup: the node gives addressing, filter, gamma and the uv and colour matrices.
+Color3f sampleImage(const Image& image, float u, float v, const TextureNode& node);
+// Bytes held by the pixel arrays.
+int64_t imageMemory(const Image& image);
 void imageStatistics(const Image& image, Color3f& mean, Color3f& variance);

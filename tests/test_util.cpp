@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <iostream>
 
+#include <unistd.h>
+
 #include "qz.h"
 
 std::string captureOutput(const std::function<void()>& body) {
@@ -16,7 +18,8 @@ std::string captureOutput(const std::function<void()>& body) {
 }
 
 std::string scratchFolder(const std::string& name) {
-  auto path = std::filesystem::temp_directory_path() / ("quazel-test-" + name);
+  // The process id keeps parallel test runs out of each other's folders.
+  auto path = std::filesystem::temp_directory_path() / ("quazel-test-" + std::to_string(getpid()) + "-" + name);
   std::filesystem::remove_all(path);
   std::filesystem::create_directories(path);
   return path.string();

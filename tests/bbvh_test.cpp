@@ -1,0 +1,272 @@
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <random>
+#include <sstream>
+
+#include "accel/bbvh.h"
+#include "accel/primitive_bounds.h"
+#include "geometry/object.h"
+#include "tests/mesh_fixture.h"
+#include "tests/test_util.h"
+
+namespace {
+
+void buildHierarchy(Object& object) {
+  captureOutput([&] {
+    buildBinaryTree(object);
+    refitBinaryTree(object, 0);
+    restructureTree(object);
+    collapseTree(object);
+  });
+}
+
+Box laneBox(const BvhNode& node, int lane) {
+  return {{node.min_x[lane], node.min_y[lane], node.min_z[lane]}, {node.max_x[lane], node.max_y[lane], node.max_z[lane]}};
+}
+
+bool inside(const Box& inner, const Box& outer) {
+  return inner.min.x >= outer.min.x && inner.min.y >= outer.min.y && inner.min.z >= outer.min.z &&
+         inner.max.x <= outer.max.x && inner.max.y <= outer.max.y && inner.max.z <= outer.max.z;
+}
+
+// What a primitive is, independent of where the build put it.
+std::string primitiveName(const Object& o, uint8_t kind, uint32_t i) {
+  std::ostringstream s;
+  s << int(kind) << ":";
+  if (kind == kindParticle) s << o.particles.indices[i];
+  if (kind == kindCylinder) s << o.cylinders.indices[i].first;
+  if (kind == kindTriangle) s << o.mesh.triangles[i].i0 << "," << o.mesh.triangles[i].i1 << "," << o.mesh.triangles[i].i2;
+  if (kind == kindTetragon) s << o.mesh.tetragons[i].i0 << "," << o.mesh.tetragons[i].i2;
+  if (kind == kindInstance) s << o.instances[i].matrix.m[3] << "," << o.instances[i].matrix.m[7];
+  return s.str();
+}
+
+// Walks from node 0 with mask 0xFF as traversal does, checking that every lane
+// box holds everything below it, and describes the tree's shape.
+struct TreeWalk {
+  const Object& object;
+  std::vector<int> seen[6];
+  int badBoxes = 0, badLanes = 0;
+  std::ostringstream shape;
+
+  explicit TreeWalk(const Object& o) : object(o) {
+    seen[kindParticle].assign(o.particles.indices.size(), 0);
+    seen[kindCylinder].assign(o.cylinders.indices.size(), 0);
+    seen[kindTriangle].assign(o.mesh.triangles.size(), 0);
+    seen[kindTetragon].assign(o.mesh.tetragons.size(), 0);
+    seen[kindInstance].assign(o.instances.size(), 0);
+    walk(0, 0xFF, Box{{-infinity, -infinity, -infinity}, {infinity, infinity, infinity}});
+  }
+
+  void walk(uint32_t n, uint32_t mask, const Box& parent) {
+    const BvhNode& node = object.bvhNodes.at(n);
+    shape << "(";
+    for (int lane = 0; lane < 8; ++lane) {
+      if (!(mask >> lane & 1)) continue;
+      uint64_t child = node.child[lane];
+      if (child == emptyLane) continue;
+      if (lane >= firstFreeLane(node)) ++badLanes;
+      Box box = laneBox(node, lane);
+      if (!inside(box, parent)) ++badBoxes;
+      shape << box.min.x << " " << box.max.y << " ";
+      if (!isLeafReference(child)) {
+        walk(referenceIndex(child), referenceMask(child), box);
+        continue;
+      }
+      uint8_t kind = referenceKind(child);
+      std::vector<std::string> names;
+      for (uint32_t i = referenceIndex(child); i < referenceIndex(child) + referenceCount(child); ++i) {
+        ++seen[kind].at(i);
+        if (!inside(primitiveBox(object, kind, i), box)) ++badBoxes;
+        names.push_back(primitiveName(object, kind, i));
+      }
+      std::sort(names.begin(), names.end());
+      for (const std::string& name : names) shape << name << " ";
+    }
+    shape << ")";
+  }
+
+  bool everyPrimitiveOnce() const {
+    for (const std::vector<int>& kind : seen)
+      for (int count : kind)
+        if (count != 1) return false;
+    return true;
+  }
+};
+
+void expectSound(const Object& object) {
+  TreeWalk walk(object);
+  EXPECT_TRUE(walk.everyPrimitiveOnce());
+  EXPECT_EQ(walk.badBoxes, 0);
+  EXPECT_EQ(walk.badLanes, 0);
+}
+
+std::string shapeWithThreads(Object object, int threads) {
+  int saved = omp_get_max_threads();
+  omp_set_num_threads(threads);
+  buildHierarchy(object);
+  omp_set_num_threads(saved);
+  expectSound(object);
+  return TreeWalk(object).shape.str();
+}
+
+// A placed object with a box and nothing else, then a mix of all five kinds.
+Object randomMix(uint32_t seed, int perKind) {
+  objects.clear();
+  objects.emplace_back();
+  objects[0].boundsMin = {-0.5f, -0.5f, -0.5f};
+  objects[0].boundsMax = {0.5f, 0.5f, 0.5f};
+  std::mt19937 random(seed);
+  std::uniform_real_distribution<float> coordinate(-10, 10), small(-0.5f, 0.5f), radius(0.01f, 0.3f);
+  auto point = [&] { return Vec3f{coordinate(random), coordinate(random), coordinate(random)}; };
+  auto near = [&](Vec3f p) { return p + Vec3f{small(random), small(random), small(random)}; };
+  Object o;
+  for (int i = 0; i < perKind; ++i) {
+    o.particles.worldPositions.push_back(point());
+    o.particles.scalarChannels[0].values.push_back(radius(random));
+    o.particles.indices.push_back(uint32_t(i));
+  }
+  for (int strand = 0; strand < perKind / 4; ++strand) {
+    Vec3f p = point();
+    for (int v = 0; v < 5; ++v) {
+      uint32_t index = uint32_t(o.cylinders.worldPositions.size());
+      o.cylinders.worldPositions.push_back(p);
+      o.cylinders.tangents.push_back(packUnitVector({small(random), 1, small(random)}));
+      o.cylinders.scalarChannels[0].values.push_back(radius(random) * 0.1f);
+      if (v < 4) o.cylinders.indices.push_back({index, uint32_t(strand)});
+      p = near(p) + Vec3f{0, 0.5f, 0};
+    }
+  }
+  Mesh& m = o.mesh;
+  for (int i = 0; i < perKind; ++i) {
+    Vec3f p = point();
+    uint32_t v = uint32_t(m.worldPositions.size());
+    for (int k = 0; k < 7; ++k) m.worldPositions.push_back(near(p));
+    m.triangles.push_back({v, v + 1, v + 2, 0});
+    m.tetragons.push_back({v + 3, v + 4, v + 5, v + 6, 0});
+  }
+  for (int i = 0; i < perKind / 8; ++i) {
+    Instance instance;
+    instance.object = 0;
+    Vec3f p = point();
+    instance.matrix.m[3] = p.x;
+    instance.matrix.m[7] = p.y;
+    instance.matrix.m[11] = p.z;
+    o.instances.push_back(instance);
+  }
+  return o;
+}
+
+}  // namespace
+
+TEST(Bbvh, RealMeshesReachEveryPrimitiveOnceInsideNestedBoxes) {
+  for (const char* file : {"data/stanford-bunny.obj", "data/ogre.obj"}) {
+    Object object;
+    ASSERT_TRUE(readObjMesh(file, object.mesh)) << file;
+    size_t triangles = object.mesh.triangles.size();
+    std::string one = shapeWithThreads(object, 1);
+    std::string many = shapeWithThreads(object, 3);
+    EXPECT_EQ(one, many) << file;
+    buildHierarchy(object);
+    EXPECT_EQ(object.mesh.triangles.size(), triangles);
+    // Shared nodes keep most lanes busy.
+    EXPECT_GT(simdOccupancy(object), 60.0f) << file;
+  }
+}
+
+TEST(Bbvh, RandomMixesOfAllKindsAreSoundAndIndependentOfThreads) {
+  for (uint32_t seed : {1u, 2u, 3u}) {
+    Object object = randomMix(seed, 400 * int(seed));
+    std::string one = shapeWithThreads(object, 1);
+    EXPECT_EQ(one, shapeWithThreads(object, 2)) << seed;
+    EXPECT_EQ(one, shapeWithThreads(object, 5)) << seed;
+  }
+  objects.clear();
+}
+
+TEST(Bbvh, RefitFollowsMovedPrimitivesWithoutNewTopology) {
+  Object object = randomMix(7, 300);
+  buildHierarchy(object);
+  size_t nodes = object.bvhNodes.size();
+  for (Vec3f& p : object.mesh.worldPositions) p += Vec3f{3, -1, 2};
+  for (Vec3f& p : object.particles.worldPositions) p = p * 1.5f;
+  captureOutput([&] {
+    refitBinaryTree(object, 0);
+    restructureTree(object);
+    collapseTree(object);
+  });
+  expectSound(object);
+  EXPECT_NEAR(float(object.bvhNodes.size()), float(nodes), nodes * 0.2f);
+  objects.clear();
+}
+
+TEST(Bbvh, SameCentresFallBackToLeavesByKind) {
+  // 300 triangles around one centre: one leaf whose count wraps in its byte.
+  Object same;
+  same.mesh.worldPositions = {{-1, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+  same.mesh.triangles.assign(300, Triangle{0, 1, 2, 0});
+  buildHierarchy(same);
+  ASSERT_EQ(same.buildRecords.size(), 1u);
+  EXPECT_EQ(same.buildRecords[0].count, 44);
+  EXPECT_EQ(same.mesh.triangles.size(), 44u);
+
+  // A mix sharing one centre splits by kind, the smallest kind on the left.
+  Object mix;
+  mix.mesh.worldPositions = {{-1, -1, 0}, {1, -1, 0}, {1, 1, 0}, {-1, 1, 0}, {0, 0, 0}};
+  mix.mesh.tetragons = {{0, 1, 2, 3, 0}};
+  mix.mesh.triangles.assign(2, Triangle{0, 2, 4, 0});
+  mix.particles.worldPositions = {{0, 0, 0}};
+  mix.particles.scalarChannels[0].values = {1};
+  mix.particles.indices.assign(2, 0);
+  buildHierarchy(mix);
+  const std::vector<BuildRecord>& r = mix.buildRecords;
+  ASSERT_EQ(r.size(), 5u);
+  const BuildRecord &left = r[r[0].link], &right = r[r[0].link + 1];
+  EXPECT_EQ(left.kind, kindParticle);
+  EXPECT_EQ(left.count, 2);
+  ASSERT_EQ(right.count, 0);
+  EXPECT_EQ(r[right.link].kind, kindTriangle);
+  EXPECT_EQ(r[right.link].count, 2);
+  EXPECT_EQ(r[right.link + 1].kind, kindTetragon);
+  expectSound(mix);
+}
+
+TEST(Bbvh, SmallTreesAndTheirLaneMasks) {
+  Object one;
+  one.mesh.worldPositions = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {5, 0, 0}, {6, 0, 0}, {5, 1, 0}, {9, 0, 0}, {9, 1, 0}};
+  one.mesh.triangles = {{0, 1, 2, 0}};
+  buildHierarchy(one);
+  ASSERT_EQ(one.bvhNodes.size(), 1u);
+  EXPECT_EQ(one.bvhNodes[0].child[0], uint64_t(1) << 56 | uint64_t(kindTriangle) << 48);
+  EXPECT_EQ(one.bvhNodes[0].child[1], emptyLane);
+  EXPECT_EQ(one.bvhNodes[0].max_x[1], -infinity);
+  EXPECT_FLOAT_EQ(simdOccupancy(one), 12.5f);
+
+  Object two = one;
+  two.mesh.triangles = {{0, 1, 2, 0}, {3, 4, 5, 0}};
+  buildHierarchy(two);
+  EXPECT_EQ(two.buildRecords.size(), 1u);
+  EXPECT_EQ(referenceCount(two.bvhNodes[0].child[0]), 2);
+
+  Object three = one;
+  three.mesh.triangles = {{0, 1, 2, 0}, {3, 4, 5, 0}, {4, 6, 7, 0}};
+  buildHierarchy(three);
+  EXPECT_GT(three.buildRecords.size(), 1u);
+  expectSound(three);
+
+  // Two tetragons never share a leaf.
+  Object quads = one;
+  quads.mesh.triangles.clear();
+  quads.mesh.tetragons = {{0, 1, 2, 2, 0}, {3, 4, 5, 5, 0}};
+  buildHierarchy(quads);
+  EXPECT_EQ(quads.buildRecords.size(), 3u);
+  EXPECT_EQ(firstFreeLane(quads.bvhNodes[0]), 2);
+}
+
+TEST(Bbvh, HalfAreaClampsNegativeExtents) {
+  EXPECT_FLOAT_EQ(halfArea({0, 0, 0}, {1, 2, 3}), 1 * (2 + 3) + 2 * 3);
+  EXPECT_FLOAT_EQ(halfArea({0, 0, 0}, {-1, 2, 3}), 6);
+  EXPECT_FLOAT_EQ(halfArea({infinity, infinity, infinity}, {-infinity, -infinity, -infinity}), 0);
+}

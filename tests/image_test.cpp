@@ -1,0 +1,263 @@
+#include <gtest/gtest.h>
+
+#include <FreeImage.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "qz.h"
+#include "shading/image.h"
+#include "tests/test_util.h"
+
+namespace {
+class Images : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { quietStartup(); }
+  void SetUp() override {
+    images.clear();
+    imageSearchPaths.assign(1, std::string());
+    folder = scratchFolder("images");
+  }
+  std::string folder;
+};
+
+Color3f colorAt(int image, int x, int y) {
+  Color3f c;
+  qzGetImageColor(image, x, y, c.r, c.g, c.b);
+  return c;
+}
+
+// Distinct, exactly representable colours for a 4 by 3 image.
+Color3f pattern(int x, int y) { return {x * 0.25f + 0.125f, y * 0.25f + 0.25f, (x + y) * 0.0625f + 0.5f}; }
+
+int savedPattern(const std::string& name) {
+  int image = qzAddImage();
+  qzSetImageName(image, name.c_str());
+  qzCreateImage(image, 4, 3);
+  for (int y = 0; y < 3; ++y)
+    for (int x = 0; x < 4; ++x) {
+      Color3f c = pattern(x, y);
+      qzSetImageColor(image, x, y, c.r, c.g, c.b);
+    }
+  EXPECT_TRUE(qzSaveImage(image));
+  return image;
+}
+
+void expectNear(Color3f a, Color3f b, float tolerance) {
+  EXPECT_NEAR(a.r, b.r, tolerance);
+  EXPECT_NEAR(a.g, b.g, tolerance);
+  EXPECT_NEAR(a.b, b.b, tolerance);
+}
+}  // namespace
+
+TEST_F(Images, RoundTripsKeepPixelsInTheirRowOrder) {
+  struct Case {
+    const char* extension;
+    bool upsideDown;
+    float tolerance;
+  };
+  // Framebuffer row 0 is the top, texture row 0 the bottom: only .hdr (flipped both ways)
+  // and .pfm (flipped neither way) come back as they went out.
+  for (Case c : {Case{".hdr", false, 0.01f}, Case{".pfm", false, 0}, Case{".exr", true, 0.01f},
+                 Case{".png", true, 1.0f / 255}, Case{".tif", true, 1.0f / 255}}) {
+    SCOPED_TRACE(c.extension);
+    const std::string name = folder + "/pattern" + c.extension;
+    savedPattern(name);
+    ASSERT_TRUE(std::filesystem::exists(name));
+    int loaded = qzAddImage();
+    qzSetImageName(loaded, name.c_str());
+    ASSERT_TRUE(qzLoadImage(loaded));
+    ASSERT_EQ(images[loaded].loaded, 1);
+    ASSERT_EQ(images[loaded].width, 4);
+    ASSERT_EQ(images[loaded].height, 3);
+    for (int y = 0; y < 3; ++y)
+      for (int x = 0; x < 4; ++x) expectNear(colorAt(loaded, x, y), pattern(x, c.upsideDown ? 2 - y : y), c.tolerance);
+  }
+}
+
+TEST_F(Images, FloatRgbFilesArePackedWithASharedExponent) {
+  savedPattern(folder + "/packed.hdr");
+  int loaded = qzAddImage();
+  qzSetImageName(loaded, (folder + "/packed.hdr").c_str());
+  ASSERT_TRUE(qzLoadImage(loaded));
+  const Image& image = images[loaded];
+  EXPECT_EQ(image.sharedExponent, 1);
+  EXPECT_EQ(image.shared.size(), 4u * 12);
+  EXPECT_TRUE(image.floats.empty());
+  // An exponent byte of 0 means black, whatever the other bytes hold.
+  Image copy = image;
+  copy.shared[0] = copy.shared[1] = copy.shared[2] = 200;
+  copy.shared[3] = 0;
+  EXPECT_EQ(readPixel(copy, 0), black);
+}
+
+TEST_F(Images, SixteenBitWhiteReadsAs257) {
+  const std::string name = folder + "/white16.png";
+  FIBITMAP* bitmap = FreeImage_AllocateT(FIT_RGB16, 2, 2);
+  for (int y = 0; y < 2; ++y) {
+    FIRGB16* line = reinterpret_cast<FIRGB16*>(FreeImage_GetScanLine(bitmap, y));
+    for (int x = 0; x < 2; ++x) line[x] = FIRGB16{65535, 65535, 65535};
+  }
+  ASSERT_TRUE(FreeImage_Save(FIF_PNG, bitmap, name.c_str(), 0));
+  FreeImage_Unload(bitmap);
+  int image = qzAddImage();
+  qzSetImageName(image, name.c_str());
+  ASSERT_TRUE(qzLoadImage(image));
+  EXPECT_EQ(images[image].depth, 16);
+  expectNear(colorAt(image, 1, 1), {257, 257, 257}, 1e-3f);
+}
+
+TEST_F(Images, MissingFileIsReportedAndLeavesTheRecordEmpty) {
+  int image = qzAddImage();
+  qzSetImageName(image, "nowhere.png");
+  bool result = true;
+  std::string text = captureOutput([&] { result = qzLoadImage(image); });
+  EXPECT_FALSE(result);
+  EXPECT_EQ(text, "error :( image - nowhere.png\tcannot be found\n" + std::string(80, '_') + "\n\n");
+  EXPECT_EQ(images[image].loaded, 0);
+}
+
+TEST_F(Images, BadFilesNeverCrashAndSayWhy) {
+  savedPattern(folder + "/good.png");
+  std::ifstream good(folder + "/good.png", std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(good)), {});
+  std::ofstream(folder + "/truncated.png", std::ios::binary) << bytes.substr(0, bytes.size() / 2);
+  std::ofstream(folder + "/garbage.png", std::ios::binary) << "this is not an image at all\x01\x02\x03";
+  std::ofstream(folder + "/empty.png", std::ios::binary);
+  std::ofstream(folder + "/header.png", std::ios::binary) << bytes.substr(0, 40);
+  for (const char* bad : {"truncated.png", "garbage.png", "empty.png", "header.png"}) {
+    SCOPED_TRACE(bad);
+    int image = qzAddImage();
+    const std::string name = folder + "/" + bad;
+    qzSetImageName(image, name.c_str());
+    std::string text = captureOutput([&] { qzLoadImage(image); });
+    if (images[image].loaded) {
+      // A partially decodable file may load, but never with the wrong size.
+      EXPECT_EQ(images[image].width, 4);
+    } else {
+      EXPECT_NE(text.find("error :( image - " + name), std::string::npos) << text;
+    }
+  }
+}
+
+TEST_F(Images, SearchPathsAreTriedInOrder) {
+  std::filesystem::create_directories(folder + "/textures");
+  savedPattern(folder + "/textures/found.pfm");
+  addImageSearchPath(folder + "/nothing");
+  addImageSearchPath(folder + "/textures");
+  addImageSearchPath(folder + "/textures");
+  EXPECT_EQ(imageSearchPaths.size(), 3u);
+  int image = qzAddImage();
+  qzSetImageName(image, "found.pfm");
+  EXPECT_TRUE(qzLoadImage(image));
+  expectNear(colorAt(image, 3, 2), pattern(3, 2), 0);
+  EXPECT_EQ(findOrAddImage("found.pfm"), image);
+  EXPECT_EQ(findOrAddImage(""), -1);
+  EXPECT_EQ(findOrAddImage("other.png"), image + 1);
+}
+
+TEST_F(Images, NamesWithTwoExtensionsSaveTwice) {
+  savedPattern(folder + "/both.hdr.png");
+  EXPECT_TRUE(std::filesystem::exists(folder + "/both.hdr.png"));
+  int image = qzAddImage();
+  EXPECT_FALSE(qzSaveImage(image));  // no name, no save
+  qzSetImageName(image, (folder + "/unknown.xyz").c_str());
+  qzCreateImage(image, 2, 2);
+  EXPECT_TRUE(qzSaveImage(image));
+  EXPECT_FALSE(std::filesystem::exists(folder + "/unknown.xyz"));
+}
+
+TEST_F(Images, PixelWritesFollowTheirDepth) {
+  Image image;
+  allocateImage(image, 2, 1, 3, 8, 0);
+  writePixel(image, {1.5f, -0.5f, 0.5f}, 0);
+  EXPECT_EQ(image.bytes[0], 255);
+  EXPECT_EQ(image.bytes[1], 0);
+  EXPECT_EQ(image.bytes[2], 127);
+  allocateImage(image, 2, 1, 3, 16, 0);
+  writePixel(image, {1.0f, 0.5f, 0.0f}, 1);
+  EXPECT_EQ(image.words[3], 65535);
+  EXPECT_EQ(image.words[4], 32767);
+  // Reading scales sixteen bits by 1/255 too.
+  EXPECT_NEAR(readPixel(image, 1).r, 257.0f, 1e-3f);
+  // Three writes from the last pixel of a one-channel image stop at its end.
+  Image grey;
+  allocateImage(grey, 2, 2, 1, 32, 0);
+  writePixel(grey, {0.25f, 0.5f, 0.75f}, 3);
+  EXPECT_EQ(grey.floats.size(), 4u);
+  EXPECT_EQ(readPixel(grey, 3), (Color3f{0.25f, 0.25f, 0.25f}));
+  // A width of 0 allocates nothing and still marks the image loaded.
+  int empty = qzAddImage();
+  qzCreateImage(empty, 0, 5);
+  EXPECT_EQ(images[empty].loaded, 1);
+  EXPECT_TRUE(images[empty].floats.empty());
+}
+
+TEST_F(Images, AddressingWrapsOrClamps) {
+  Image image;
+  allocateImage(image, 5, 4, 3, 32, 0);
+  EXPECT_EQ(addressPixel(image, -1, 0, 0, 0), 4);
+  EXPECT_EQ(addressPixel(image, -6, -1, 0, 0), 3 * 5 + 4);
+  EXPECT_EQ(addressPixel(image, 7, 9, 0, 0), 1 * 5 + 2);
+  EXPECT_EQ(addressPixel(image, -3, 9, 1, 1), 3 * 5);
+  EXPECT_EQ(addressPixel(image, 6, 1, 2, 2), 1 * 5 + 6);
+}
+
+TEST_F(Images, SamplersFiltersAndTransforms) {
+  Image image;
+  allocateImage(image, 2, 2, 3, 32, 0);
+  writePixel(image, {0, 0, 0}, 0);
+  writePixel(image, {1, 0, 0}, 1);
+  writePixel(image, {0, 1, 0}, 2);
+  writePixel(image, {1, 1, 1}, 3);
+  TextureNode lookup;
+  lookup.pixel_sampler = PixelSampler::nearest;
+  EXPECT_EQ(sampleImage(image, 0.75f, 0.25f, lookup), (Color3f{1, 0, 0}));
+  lookup.pixel_sampler = PixelSampler::bilinear;
+  lookup.wrapU = lookup.wrapV = 1;
+  // Texel corners sit at whole coordinates: a quarter of the way in blends all four equally.
+  Color3f bilinear = sampleImage(image, 0.25f, 0.25f, lookup);
+  expectNear(bilinear, {0.5f, 0.5f, 0.25f}, 1e-6f);
+  lookup.pixel_sampler = PixelSampler::stochastic;
+  Color3f mean;
+  const int n = 40000;
+  for (int i = 0; i < n; ++i) mean += sampleImage(image, 0.25f, 0.25f, lookup) / float(n);
+  expectNear(mean, bilinear, 0.02f);
+
+  // Gamma applies per texel before the blend.
+  lookup.pixel_sampler = PixelSampler::bilinear;
+  lookup.gamma = 2;
+  Image grey;
+  allocateImage(grey, 2, 1, 3, 32, 0);
+  writePixel(grey, {0.5f, 0.5f, 0.5f}, 0);
+  writePixel(grey, {1, 1, 1}, 1);
+  expectNear(sampleImage(grey, 0.25f, 0.25f, lookup), {0.625f, 0.625f, 0.625f}, 1e-6f);
+
+  // The uv matrix maps before lookup; the colour matrix divides by green taken twice.
+  lookup = TextureNode{};
+  lookup.pixel_sampler = PixelSampler::nearest;
+  lookup.uvIdentity = 0;
+  const float swap[9] = {0, 1, 0, 1, 0, 0, 0, 0, 1};
+  std::copy(swap, swap + 9, lookup.uv_matrix);
+  EXPECT_EQ(sampleImage(image, 0.75f, 0.25f, lookup), (Color3f{0, 1, 0}));
+  lookup.uvIdentity = 1;
+  lookup.colorIdentity = 0;
+  for (int c = 0; c < 4; ++c) lookup.color_matrix(3, c) = 1;
+  // Texel (0, 1) is green: w = g + r + g + 1 = 3, not g + r + b + 1 = 2.
+  expectNear(sampleImage(image, 0.25f, 0.75f, lookup), {0, 1.0f / 3, 0}, 1e-6f);
+}
+
+TEST_F(Images, StatisticsUseTheLargestChannelForVariance) {
+  Image image;
+  allocateImage(image, 2, 1, 3, 32, 0);
+  writePixel(image, {1, 0, 0}, 0);
+  writePixel(image, {0, 0, 3}, 1);
+  Color3f mean, variance;
+  imageStatistics(image, mean, variance);
+  expectNear(mean, {0.5f, 0, 1.5f}, 1e-6f);
+  // Mean of the squared largest channels is (1 + 9) / 2 = 5.
+  expectNear(variance, {5 - 0.25f, 5, 5 - 2.25f}, 1e-6f);
+  Image none;
+  imageStatistics(none, mean, variance);
+  EXPECT_EQ(mean, black);
+}

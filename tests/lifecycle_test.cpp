@@ -1,0 +1,81 @@
+#include <gtest/gtest.h>
+
+#include <omp.h>
+
+#include <regex>
+
+#include "frame/renderer.h"
+#include "frame/sampling.h"
+#include "qz.h"
+#include "tests/test_util.h"
+
+namespace {
+const std::string rule = std::string(80, '_') + "\n\n";
+}
+
+TEST(Lifecycle, StartupAndShutdownPrintTheBannerAndThreadRows) {
+  std::string text = captureOutput([] {
+    qzStartup();
+    qzShutdown();
+  });
+  const std::string threads = std::to_string(omp_get_max_threads());
+  const std::string processors = std::to_string(omp_get_num_procs());
+  const std::string expected = rule + "            quazel " + __DATE__ + " - physically based rendering\n" + rule +
+                               "number of threads " + std::string(10 - threads.size(), ' ') + threads + " [n/a]\n" +
+                               "number of processors " + std::string(10 - processors.size(), ' ') + processors +
+                               " [n/a]\n" + rule;
+  EXPECT_EQ(text, expected);
+  EXPECT_FALSE(numberTablesBuilt());
+}
+
+TEST(Lifecycle, StartupRestoresRendererDefaults) {
+  qzSetRendererSample(3);
+  qzSetRendererBounce(9);
+  qzSetRendererRadius(2);
+  qzSetRendererRayDepth(30);
+  quietStartup();
+  EXPECT_EQ(renderer.sample, 64);
+  EXPECT_EQ(renderer.bounce, 1);
+  EXPECT_EQ(renderer.radius, 0);
+  EXPECT_EQ(renderer.ray_depth, 8);
+  EXPECT_EQ(renderer.photon_depth, 16);
+  EXPECT_TRUE(numberTablesBuilt());
+}
+
+TEST(Lifecycle, RendererPreparationClampsAndReports) {
+  quietStartup();
+  qzSetRendererClamp(-1, 5, -2);
+  qzSetRendererRayDepth(0);
+  qzSetRendererPhotonDepth(-3);
+  qzSetRendererSample(12);
+  std::string text = captureOutput([] { qzInitializeRenderer(); });
+  EXPECT_EQ(renderer.clamp, (Color3f{0, 5, 0}));
+  EXPECT_EQ(renderer.ray_depth, 1);
+  EXPECT_EQ(renderer.photon_depth, 1);
+  EXPECT_EQ(renderer.sky_light_sample, 12);
+  EXPECT_EQ(renderer.geometry_light_sample, 12);
+  EXPECT_EQ(text, "renderer sample         12 [n/a]\n" + rule);
+  // A final gather switched on stays on until finalisation clears it.
+  qzSetRendererResolution(0.5f);
+  captureOutput([] { qzInitializeRenderer(); });
+  EXPECT_TRUE(renderer.final_gather);
+  qzSetRendererResolution(0);
+  captureOutput([] { qzInitializeRenderer(); });
+  EXPECT_TRUE(renderer.final_gather);
+  qzFinalizeRenderer();
+  EXPECT_FALSE(renderer.final_gather);
+  EXPECT_EQ(renderer.sample, 64);
+  // Clamp, error and gamma survive finalisation.
+  EXPECT_EQ(renderer.clamp, (Color3f{0, 5, 0}));
+}
+
+TEST(Lifecycle, IgnoredExportsChangeNothing) {
+  quietStartup();
+  std::string text = captureOutput([] {
+    qzLoadFile(nullptr);
+    qzLoadFile("anything");
+    qzSaveBeauty(nullptr);
+    qzSetCameraName(3, nullptr);
+  });
+  EXPECT_EQ(text, "");
+}

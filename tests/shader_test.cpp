@@ -1,0 +1,392 @@
+// Shaders: the fallback shader, the `shader` block, the setters, and the
+// flags that preparation derives.
+#include "shading/shader.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "qz.h"
+#include "shading/image.h"
+#include "tests/test_util.h"
+
+namespace {
+const Color3f grey{0.85f, 0.85f, 0.85f};
+
+Color3f colorOf(int id, int channel, int side) { return channelNode(shaders[id], channel, side).color; }
+
+// Starts from an empty shader array with a fresh fallback shader.
+void freshStartup() {
+  freeImages();
+  qzFinalizeShaders();
+  quietStartup();
+}
+
+// Writes the text as one file of a scene's shader folder and loads the scene.
+void loadShaderText(const std::string& name, const std::string& text) {
+  const std::string root = scratchFolder(name + "-" + std::to_string(getpid()));
+  std::filesystem::create_directories(root + "/shader");
+  std::ofstream(root + "/shader/a.qz") << text;
+  captureOutput([&] { qzLoadScene((root + "/").c_str()); });
+}
+
+// A small image on disk, for shaders whose nodes really load one.
+std::string imageFile() {
+  static const std::string path = [] {
+    const std::string file = scratchFolder("shader-image-" + std::to_string(getpid())) + "/grey.png";
+    const int id = qzAddImage();
+    qzSetImageName(id, file.c_str());
+    qzCreateImage(id, 2, 2);
+    qzSaveImage(id);
+    images.pop_back();
+    return file;
+  }();
+  return path;
+}
+}  // namespace
+
+TEST(ShaderStartup, CreatesTheGreyFallback) {
+  freshStartup();
+  ASSERT_EQ(shaders.size(), 1u);
+  const Shader& s = shaders[0];
+  EXPECT_EQ(s.name, "undefined");
+  EXPECT_EQ(s.enabled, 1);
+  EXPECT_EQ(s.two_sided, 1);
+  EXPECT_EQ(colorOf(0, diffuseChannel, 0), grey);
+  EXPECT_EQ(colorOf(0, diffuseChannel, 1), black);
+  EXPECT_EQ(colorOf(0, clearCoatIorChannel, 0), white);
+  EXPECT_EQ(colorOf(0, clearCoatIorChannel, 1), white);
+  EXPECT_EQ(colorOf(0, normalChannel, 1), Color3f(0, 0, 1));
+  EXPECT_EQ(s.geometry.opacity.color, white);
+  EXPECT_EQ(s.geometry.smooth_angle, -1);
+  EXPECT_EQ(s.geometry.reduction, infinity);
+  EXPECT_FLOAT_EQ(s.hair.width[2], 0.2f * 1.5707964f);
+
+  // A second startup on a live scene finds the same record and resets it.
+  qzSetShaderColor(0, 3, diffuseChannel, 1, 0, 0);
+  qzAddShader();
+  quietStartup();
+  EXPECT_EQ(shaders.size(), 2u);
+  EXPECT_EQ(colorOf(0, diffuseChannel, 0), grey);
+  EXPECT_EQ(colorOf(0, diffuseChannel, 1), black);
+}
+
+TEST(ShaderBlock, LaterBlockOfTheSameNameReplacesTheWhole) {
+  freshStartup();
+  loadShaderText("shader-replace",
+                 "shader\n"
+                 "  name \"red\"\n"
+                 "  geometry_light\n"
+                 "  diffuse\n    color 1 0 0\n  end\n"
+                 "end\n"
+                 "shader\n  name \"blue\"\nend\n"
+                 "shader\n"
+                 "  name \"red\"\n"
+                 "  glossy\n    color 0 1 0\n    side \"both\"\n  end\n"
+                 "end\n");
+  ASSERT_EQ(shaders.size(), 3u);
+  EXPECT_EQ(findOrAddShader("red"), 1);
+  EXPECT_EQ(findOrAddShader("blue"), 2);
+  const Shader& red = shaders[1];
+  EXPECT_EQ(red.enabled, 1);
+  EXPECT_EQ(red.geometry_light[0], 0);  // the first block is gone entirely
+  EXPECT_EQ(colorOf(1, diffuseChannel, 0), black);
+  EXPECT_EQ(colorOf(1, glossyChannel, 0), Color3f(0, 1, 0));
+  EXPECT_EQ(colorOf(1, glossyChannel, 1), Color3f(0, 1, 0));
+}
+
+TEST(ShaderBlock, BlockWithoutNameReplacesTheFallback) {
+  freshStartup();
+  loadShaderText("shader-unnamed", "shader\n  diffuse\n    color 0.5 0.5 0.5\n  end\n  single_sided\nend\n");
+  ASSERT_EQ(shaders.size(), 1u);
+  EXPECT_EQ(shaders[0].name, "undefined");
+  EXPECT_EQ(colorOf(0, diffuseChannel, 0), Color3f(0.5f, 0.5f, 0.5f));
+  EXPECT_EQ(shaders[0].two_sided, 0);
+  EXPECT_EQ(shaders[0].enabled, 1);
+}
+
+TEST(ShaderBlock, SidesOfChannelsAndLights) {
+  freshStartup();
+  loadShaderText("shader-sides",
+                 "shader\n"
+                 "  name \"lamp\"\n"
+                 "  virtual_light\n"
+                 "  diffuse\n    color 0.2 0.3 0.4\n  end\n"
+                 "  emission\n    color 3 3 3\n    side \"back\"\n  end\n"
+                 "  clear_coat_ior\n    color 1.5 1.5 1.5\n  end\n"
+                 "  specular\n    side \"both\"\n    color 1 1 1\n  end\n"
+                 "end\n"
+                 "shader\n  name \"twice\"\n  geometry_light\n  virtual_light\nend\n");
+  const int lamp = findOrAddShader("lamp");
+  EXPECT_EQ(shaders[lamp].geometry_light[0], 1);
+  EXPECT_EQ(shaders[lamp].geometry_light[1], 1);
+  EXPECT_EQ(colorOf(lamp, diffuseChannel, 0), Color3f(0.2f, 0.3f, 0.4f));
+  EXPECT_EQ(colorOf(lamp, diffuseChannel, 1), black);  // no side key: front only
+  EXPECT_EQ(colorOf(lamp, emissionChannel, 0), black);
+  EXPECT_EQ(colorOf(lamp, emissionChannel, 1), Color3f(3, 3, 3));
+  EXPECT_EQ(colorOf(lamp, clearCoatIorChannel, 1), white);  // the back keeps its channel default
+  EXPECT_EQ(colorOf(lamp, specularChannel, 1), white);
+  const Shader& twice = shaders[findOrAddShader("twice")];
+  EXPECT_EQ(twice.geometry_light[0], 1);
+  EXPECT_EQ(twice.geometry_light[1], 1);
+}
+
+TEST(ShaderBlock, ScratchNodeKeepsFilterButNotColourBetweenChannels) {
+  freshStartup();
+  loadShaderText("shader-scratch",
+                 "shader\n"
+                 "  name \"s\"\n"
+                 "  diffuse\n"
+                 "    color 1 1 1\n    side \"both\"\n"
+                 "    sampler\n      pixel_sampler \"nearest\"\n      gamma 2.2\n"
+                 "      uv_matrix 2 0 0 0 2 0 0 0 1\n    end\n"
+                 "    flake\n      density 0.5\n    end\n"
+                 "  end\n"
+                 "  glossy\n  end\n"
+                 "end\n");
+  const Shader& s = shaders[findOrAddShader("s")];
+  const TextureNode& glossy = channelNode(s, glossyChannel, 0);
+  EXPECT_EQ(glossy.color, black);
+  EXPECT_EQ(glossy.flake.density, 0);
+  EXPECT_EQ(glossy.uvIdentity, 1);
+  EXPECT_EQ(glossy.uv_matrix[0], 1);
+  EXPECT_EQ(channelNode(s, glossyChannel, 1).color, black);  // the side mask went back to front
+  EXPECT_EQ(glossy.pixel_sampler, PixelSampler::nearest);
+  EXPECT_FLOAT_EQ(glossy.gamma, 2.2f);
+}
+
+TEST(ShaderBlock, GeometryAndVolumeSubBlocks) {
+  freshStartup();
+  loadShaderText(
+      "shader-geometry",
+      "shader\n"
+      "  name \"g\"\n"
+      "  geometry\n"
+      "    opacity\n      color 0.5 0.5 0.5\n    end\n"
+      "    height\n      color 0.1 0.1 0.1\n      sampler\n        pixel_sampler \"nearest\"\n      end\n    end\n"
+      "    height\n      level 3\n    end\n"
+      "    vector\n    end\n"
+      "    radius\n    end\n"
+      "    round_corner 2\n    smooth_angle 30\n"
+      "    camera_primary\n    flip_face\n    automatic_hair_uv\n"
+      "  end\n"
+      "  volume\n    density 0.5\n    ior 1.33\n    albedo 0.9 0.8 0.7\n  end\n"
+      "end\n");
+  Shader& s = shaders[findOrAddShader("g")];
+  const ShaderGeometry& g = s.geometry;
+  EXPECT_EQ(g.opacity.color, Color3f(0.5f, 0.5f, 0.5f));
+  ASSERT_EQ(g.height.size(), 2u);
+  EXPECT_EQ(g.height[1].level, 3);
+  EXPECT_EQ(g.vector.size(), 1u);
+  EXPECT_EQ(g.radius.size(), 1u);
+  EXPECT_EQ(g.length.size(), 0u);
+  EXPECT_EQ(g.primary_visibility, 2);
+  EXPECT_EQ(g.flip_face, 1);
+  EXPECT_EQ(g.automatic_hair_uv, 1);
+  EXPECT_FLOAT_EQ(g.smooth_angle, 30);
+  EXPECT_FLOAT_EQ(s.volume.ior, 1.33f);
+  EXPECT_EQ(g.height[0].pixel_sampler, PixelSampler::nearest);
+
+  prepareShader(s);
+  EXPECT_EQ(g.round_corner, 1);
+  EXPECT_EQ(g.reduction, 1);  // the default acts as 1
+  EXPECT_EQ(g.height[0].pixel_sampler, PixelSampler::bilinear);
+  EXPECT_EQ(g.opacity.pixel_sampler, PixelSampler::stochastic);
+  EXPECT_EQ(g.opacity_textured, 0);
+  EXPECT_NEAR(s.volume.sigma, std::log(2.0f), 1e-6);
+}
+
+TEST(ShaderExports, SettersAddressSidesAndChannels) {
+  freshStartup();
+  const int id = qzAddShader();
+  EXPECT_EQ(id, 1);
+  EXPECT_EQ(shaders[id].enabled, 1);
+  qzSetShaderName(id, "api");
+  qzSetShaderColor(id, 2, glossyChannel, 0.1f, 0.2f, 0.3f);
+  qzSetShaderGeometryLight(id, 1, true);
+  qzSetShaderShift(id, 3, normalChannel, 1, 0.25f, 0.5f, 0.75f);
+  qzSetShaderFlake(id, 1, diffuseChannel, 1, 0.5f, 0, 0.01f, 0.3f, 0.02f);
+  qzSetShaderStone(id, 2, diffuseChannel, 0.6f, 4, 0.7f, 3);
+  const float uv[9] = {2, 0, 0, 0, 2, 0, 0, 0, 1};
+  qzSetShaderImage(id, 1, roughnessChannel, "r.png", 2.2f, nullptr, uv);
+  qzSetShaderVisibility(id, 257);
+
+  const Shader& s = shaders[id];
+  EXPECT_EQ(findOrAddShader("api"), id);
+  EXPECT_EQ(colorOf(id, glossyChannel, 0), black);
+  EXPECT_EQ(colorOf(id, glossyChannel, 1), Color3f(0.1f, 0.2f, 0.3f));
+  EXPECT_EQ(s.geometry_light[0], 1);
+  EXPECT_EQ(s.geometry_light[1], 0);
+  for (int side = 0; side < 2; ++side) {
+    const float* shift = channelNode(s, normalChannel, side).shift[1];
+    EXPECT_EQ(shift[0], 0.75f);  // c goes first, a second, b third
+    EXPECT_EQ(shift[1], 0.25f);
+    EXPECT_EQ(shift[2], 0.5f);
+  }
+  // The flake and stone setters take their values in an order of their own.
+  const FlakeLayer& flake = channelNode(s, diffuseChannel, 0).flake;
+  EXPECT_EQ(flake.scale, 0.01f);
+  EXPECT_EQ(flake.density, 0.3f);
+  EXPECT_EQ(flake.depth, 0.02f);
+  const StoneLayer& stone = channelNode(s, diffuseChannel, 1).stone;
+  EXPECT_EQ(stone.scale, 4);
+  EXPECT_EQ(stone.density, 0.7f);
+  const TextureNode& rough = channelNode(s, roughnessChannel, 0);
+  EXPECT_EQ(rough.imageName, "r.png");
+  EXPECT_EQ(rough.uv_matrix[0], 2);
+  EXPECT_EQ(rough.uvIdentity, 1);  // the flag stays: only a scene key clears it
+  EXPECT_EQ(rough.color_matrix.m[0], 1);
+  EXPECT_EQ(s.geometry.primary_visibility, 1);  // truncated to a byte
+
+  // A name nobody defined is added but stays disabled.
+  const int later = findOrAddShader("later");
+  EXPECT_EQ(later, 2);
+  EXPECT_EQ(shaders[later].enabled, 0);
+}
+
+namespace {
+struct FlagCase {
+  const char* what;
+  std::function<void(int)> build;
+  uint8_t plain, anisotropic, needsSurfaceNormal, textured, roughFront, roughBack;
+};
+}  // namespace
+
+TEST(ShaderPreparation, DerivedFlags) {
+  const std::string image = imageFile();
+  auto color = [](int id, int side, int channel, float r, float g, float b) {
+    qzSetShaderColor(id, side, channel, r, g, b);
+  };
+  auto smooth = [&](int id) { color(id, 3, roughnessChannel, 1, 1, 0); };
+  const FlagCase cases[] = {
+      {"defaults: zero roughness asks for the surface normal", [](int) {}, 0, 0, 1, 0, 0, 0},
+      {"roughness 1 on both sides, no images", smooth, 1, 0, 0, 0, 0, 0},
+      {"unequal roughness without glossy", [&](int id) { color(id, 3, roughnessChannel, 1.5f, 2, 0); }, 1, 0, 0, 0, 0,
+       0},
+      {"only the back below 1", [&](int id) { smooth(id), color(id, 2, roughnessChannel, 1, 0.5f, 0); }, 0, 0, 1, 0, 0,
+       0},
+      {"rough glossy front",
+       [&](int id) { smooth(id), color(id, 1, roughnessChannel, 0.3f, 0.3f, 0), color(id, 1, glossyChannel, 1, 1, 1); },
+       0, 0, 1, 0, 1, 0},
+      {"both sides rough: only the front is flagged",
+       [&](int id) { color(id, 3, roughnessChannel, 0.2f, 0.5f, 0), color(id, 3, glossyChannel, 1, 1, 1); }, 0, 1, 1, 0,
+       1, 0},
+      {"rough glossy back only",
+       [&](int id) { smooth(id), color(id, 2, roughnessChannel, 0.2f, 0.2f, 0), color(id, 2, glossyChannel, 1, 1, 1); },
+       0, 0, 1, 0, 0, 1},
+      {"glossy with roughness 1 and 2 is anisotropic",
+       [&](int id) {
+         color(id, 1, roughnessChannel, 1, 2, 0), color(id, 1, glossyChannel, 1, 1, 1),
+             color(id, 2, roughnessChannel, 1, 1, 0);
+       },
+       1, 1, 0, 0, 1, 0},
+      {"a loaded diffuse image",
+       [&](int id) { smooth(id), qzSetShaderImage(id, 1, diffuseChannel, image.c_str(), 1, nullptr, nullptr); }, 0, 0,
+       0, 1, 0, 0},
+      {"an image that fails to load",
+       [&](int id) { smooth(id), qzSetShaderImage(id, 1, diffuseChannel, "nowhere.png", 1, nullptr, nullptr); }, 1, 0,
+       0, 0, 0, 0},
+      {"a roughness image with glossy",
+       [&](int id) {
+         smooth(id), color(id, 1, glossyChannel, 1, 1, 1);
+         qzSetShaderImage(id, 1, roughnessChannel, image.c_str(), 1, nullptr, nullptr);
+       },
+       0, 1, 1, 1, 1, 0},
+  };
+  for (const FlagCase& c : cases) {
+    freshStartup();
+    const int id = qzAddShader();
+    c.build(id);
+    captureOutput([&] { prepareShader(shaders[id]); });
+    const Shader& s = shaders[id];
+    EXPECT_EQ(s.plain, c.plain) << c.what;
+    EXPECT_EQ(s.anisotropic, c.anisotropic) << c.what;
+    EXPECT_EQ(s.needs_surface_normal, c.needsSurfaceNormal) << c.what;
+    EXPECT_EQ(s.textured, c.textured) << c.what;
+    EXPECT_EQ(s.rough[0], c.roughFront) << c.what;
+    EXPECT_EQ(s.rough[1], c.roughBack) << c.what;
+    EXPECT_EQ(s.needs_tangents, 1) << c.what;
+    EXPECT_EQ(s.prepared, 1) << c.what;
+  }
+}
+
+TEST(ShaderPreparation, SideFlagsAndTheOnceOnlyGuard) {
+  freshStartup();
+  const std::string image = imageFile();
+  const int id = qzAddShader();
+  qzSetShaderColor(id, 2, emissionChannel, 0, 0, 2e-6f);
+  qzSetShaderColor(id, 1, jitterChannel, 0.1f, 0.1f, 0.1f);
+  qzSetShaderFlake(id, 2, jitterChannel, 1, 1, 1, 0, 0, 0);      // a flake colour counts even when switched off
+  qzSetShaderColor(id, 1, diffuseChannel, 1e-6f, 1e-6f, 1e-6f);  // not above the threshold
+  qzSetShaderFlake(id, 2, diffuseChannel, 0.5f, 0, 0, 0.1f, 0.5f, 0);
+  qzSetShaderColor(id, 1, normalChannel, 1, 1, 1);
+  qzSetShaderImage(id, 1, normalChannel, image.c_str(), 1, nullptr, nullptr);
+  qzSetShaderImage(id, 2, normalChannel, "lost.png", 1, nullptr, nullptr);
+  captureOutput([&] { prepareShader(shaders[id]); });
+  const Shader& s = shaders[id];
+  EXPECT_EQ(s.emissive[0], 0);
+  EXPECT_EQ(s.emissive[1], 1);
+  EXPECT_EQ(s.jittered[0], 1);
+  EXPECT_EQ(s.jittered[1], 1);
+  EXPECT_EQ(s.diffuse_present[0], 0);
+  EXPECT_EQ(s.diffuse_present[1], 1);
+  EXPECT_EQ(s.normal_mapped[0], 1);
+  EXPECT_EQ(s.normal_mapped[1], 0);  // colour (0, 0, 1) but its image failed
+
+  // Parameters after preparation change nothing until the record is reset.
+  qzSetShaderColor(id, 1, emissionChannel, 5, 5, 5);
+  prepareShader(shaders[id]);
+  EXPECT_EQ(s.emissive[0], 0);
+  resetShader(shaders[id]);
+  EXPECT_EQ(s.prepared, 0);
+  EXPECT_EQ(s.enabled, 0);
+  EXPECT_EQ(s.name, "undefined");
+  EXPECT_EQ(colorOf(id, emissionChannel, 0), black);
+  EXPECT_EQ(colorOf(id, normalChannel, 0), Color3f(0, 0, 1));
+  EXPECT_EQ(channelNode(s, normalChannel, 0).imageName, "");
+}
+
+TEST(ShaderPreparation, HairShaderTakesWidthsFromRoughness) {
+  freshStartup();
+  const int id = qzAddShader();
+  qzSetShaderColor(id, 1, roughnessChannel, 0.5f, 0.25f, 1);
+  qzSetShaderIOR(id, 1.6f);
+  prepareHairShader(shaders[id]);
+  EXPECT_EQ(shaders[id].prepared, 0);  // not used by hair: nothing happens
+  shaders[id].used_by_hair = 1;
+  prepareHairShader(shaders[id]);
+  const ShaderHair& h = shaders[id].hair;
+  EXPECT_EQ(shaders[id].prepared, 1);
+  EXPECT_FLOAT_EQ(h.eta, 1.6f);
+  EXPECT_EQ(h.absorption, black);
+  const float widths[3] = {0.5f, 0.25f, 1};
+  for (int p = 0; p < 3; ++p) {
+    const double w = widths[p] * 1.5707963267948966, v = w * w;
+    EXPECT_NEAR(h.width[p], w, 1e-6);
+    EXPECT_NEAR(h.variance[p], v, 1e-6);
+    EXPECT_NEAR(h.normalizer[p], 1 / (std::sinh(1 / v) * 2 * v), 1e-5 * std::fabs(1 / (std::sinh(1 / v) * 2 * v)));
+  }
+  EXPECT_NEAR(h.f0, (0.6 / 2.6) * (0.6 / 2.6), 1e-7);
+}
+
+TEST(ShaderPreparation, InitializeReportsTexturesAndShaders) {
+  freshStartup();
+  qzAddShader();
+  const int image = qzAddImage();
+  qzCreateImage(image, 512, 512);  // 3 MiB of floats
+  const std::string out = captureOutput([] { qzInitializeShaders(); });
+  char shadersRow[128];
+  std::snprintf(shadersRow, sizeof shadersRow, "shaders %10zu [bytes]%10d %10.3f [M bytes]\n", sizeof(Shader), 2,
+                2.0 * sizeof(Shader) / 1048576.0);
+  EXPECT_EQ(out, std::string("textures      3.000 [M bytes]\n") + shadersRow);
+  EXPECT_EQ(shaders[0].prepared, 1);
+  EXPECT_EQ(shaders[1].prepared, 1);
+  qzFinalizeShaders();
+  EXPECT_TRUE(shaders.empty());
+  freeImages();
+}
