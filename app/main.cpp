@@ -1,4 +1,6 @@
 // quazel: renders a scene directory with the library's whole run.
+#include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <string>
@@ -55,6 +57,10 @@ int main(int argc, char** argv) {
     } else {
       directory = arg;
     }
+  }
+  if (preview && !std::getenv("DISPLAY")) {
+    std::cerr << "quazel: --preview needs a display, and DISPLAY is not set\n";
+    return 1;
   }
   if (directory.empty()) {
     directory = exampleScene().string();

@@ -89,6 +89,7 @@ void progressiveStep() {
     // An empty region can take no measurable time; its rate shows as 0.
     printProgress(int((double(p + 1) * 100.0) / camera.sample),
                   float(totalRays()) / float(std::max<int64_t>(renderer.elapsed, 1)));
+    // Moving geometry takes the pose of the pass just finished, one pass behind the camera.
     updateMovingObjects();
     ++renderer.pass;
     if (renderer.pass == camera.sample) closeRender(start);
