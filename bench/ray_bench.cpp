@@ -25,10 +25,8 @@
 #include "qz.h"
 #include "tests/ray_fixture.h"
 
-#if QZ_EMBREE_VERSION == 4
-#include <embree4/rtcore.h>
-#elif QZ_EMBREE_VERSION == 3
-#include <embree3/rtcore.h>
+#ifdef QZ_EMBREE_VERSION
+#include "bench/embree_mesh.h"
 #endif
 
 namespace {
@@ -149,20 +147,7 @@ struct Embree {
   explicit Embree(const Mesh& mesh) {
     device = rtcNewDevice(nullptr);
     scene = rtcNewScene(device);
-    RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
-    auto* vertices = static_cast<Vec3f*>(rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
-                                                                 sizeof(Vec3f), mesh.worldPositions.size()));
-    std::copy(mesh.worldPositions.begin(), mesh.worldPositions.end(), vertices);
-    auto* indices = static_cast<unsigned*>(rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3,
-                                                                   3 * sizeof(unsigned), mesh.triangles.size()));
-    for (size_t i = 0; i < mesh.triangles.size(); ++i) {
-      indices[3 * i] = mesh.triangles[i].i0;
-      indices[3 * i + 1] = mesh.triangles[i].i1;
-      indices[3 * i + 2] = mesh.triangles[i].i2;
-    }
-    rtcCommitGeometry(geometry);
-    rtcAttachGeometry(scene, geometry);
-    rtcReleaseGeometry(geometry);
+    attachEmbreeTriangles(device, scene, mesh);
     rtcCommitScene(scene);
     nearLimit = 1e-5f * sceneRadius;
   }
