@@ -7,6 +7,7 @@
 #include "lights/light.h"
 #include "output/camera.h"
 #include "shading/jitter_diffuse.h"
+#include "transport/child_ray.h"
 
 namespace {
 // A probe finds a face of the hit's shader nearly always; this many failures
@@ -52,12 +53,8 @@ Color3f shadowTransmittance(const Ray& from, const Hit& leaving, Vec3f origin, V
   shadow.direction = direction;
   shadow.t = distance;
   shadow.thread = from.thread;
-  // Leaving the primitive under the origin: it must not shadow itself.
-  shadow.prev_instance = leaving.instance;
-  shadow.prev_object = leaving.object;
-  shadow.prev_primitive = leaving.primitive;
-  shadow.prev_kind = leaving.kind;
-  shadow.prev_depth = leaving.depth;
+  // The primitive under the origin must not shadow itself.
+  leavePrimitive(shadow, leaving);
   traceShadow(shadow);
   return shadow.throughput;
 }
