@@ -230,6 +230,11 @@ void buildBinaryTree(Object& object) {
   int64_t start = clockNanoseconds();
   std::vector<BuildEntry> entries = gatherEntries(object);
   std::vector<BuildRecord>& records = object.buildRecords;
+  // Preparation may have dropped every primitive that named a missing vertex.
+  if (entries.empty()) {
+    records.clear();
+    return;
+  }
   records.assign(1, BuildRecord{});
   std::vector<BuildTask> tasks{{0, 0, uint32_t(entries.size())}}, output;
   uint32_t nodeCount = 1;

@@ -1,7 +1,5 @@
 // The nearest-hit walk: one ray against the eight boxes of a node at a time,
 // children visited nearest first, the far limit shrinking with every hit.
-#include <algorithm>
-
 #include "accel/node_test.h"
 #include "accel/primitive_tests.h"
 #include "accel/traversal.h"
@@ -19,8 +17,6 @@ struct StackEntry {
 constexpr int stackSize = 1024;
 // Node 0 with all eight lanes its own.
 constexpr uint64_t rootReference = uint64_t(0xFF) << 32;
-
-inline int highestLane(uint32_t lanes) { return 31 - __builtin_clz(lanes); }
 
 // Largest distance at the bottom, so that the nearest comes off the stack first.
 inline void sortDescending(StackEntry* first, StackEntry* last) {
@@ -63,7 +59,7 @@ bool testLeaf(const Object& object, uint64_t reference, Ray& ray) {
   bool found = false;
   switch (referenceKind(reference)) {
     case kindTriangle:
-      for (uint32_t i = first; i < first + count; ++i) found |= closestTriangle(object, i, ray);
+      found = closestTriangles(object, first, count, ray);
       break;
     case kindTetragon:
       for (uint32_t i = first; i < first + count; ++i) found |= closestTetragon(object, i, ray);
@@ -88,68 +84,57 @@ bool walkClosest(const Object& object, Ray& ray) {
   if (object.bvhNodes.empty()) return false;
   const BvhNode* nodes = object.bvhNodes.data();
   const Triangle* triangles = object.mesh.triangles.data();
-  const RayLanes lanes = broadcastRay(ray, [](float component) { return component < 0; });
+  const RayLanes lanes = broadcastRay(ray, false);
   StackEntry stack[stackSize];
   StackEntry* top = stack;
   StackEntry* const end = stack + stackSize;
-  auto push = [&](float near, uint64_t reference) {
-    if (top != end) *top++ = {near, reference};
-  };
-  push(0, rootReference);
-  bool found = false;
   alignas(32) float nears[8];
+  uint64_t reference = rootReference;
+  bool found = false;
 
-  while (top != stack) {
-    --top;
-    if (!(top->near < ray.t)) continue;
-    uint64_t reference = top->reference;
-    bool leaf = true;
+  for (;;) {
     while (!isLeafReference(reference)) {
       const BvhNode& node = nodes[referenceIndex(reference)];
       __m256 near;
-      uint32_t hits = hitLanes(node, lanes, ray.t, referenceMask(reference), near);
-      if (hits == 0) {
-        leaf = false;
-        break;
-      }
-      prefetchChildren(node, hits, nodes, triangles);
-      // Lanes are listed from 7 down to 0.
-      const int a = highestLane(hits);
-      hits &= ~(1u << a);
-      if (hits == 0) {
-        reference = node.child[a];
+      const uint32_t hits = hitLanes(node, lanes, ray.t, referenceMask(reference), near);
+      if (hits == 0) goto next;
+      const int low = __builtin_ctz(hits);
+      const uint32_t rest = hits & (hits - 1);
+      if (rest == 0) {
+        reference = node.child[low];
         continue;
       }
+      // Some children wait on the stack: start fetching what they lead to.
+      prefetchChildren(node, hits, nodes, triangles);
       _mm256_store_ps(nears, near);
-      const int b = highestLane(hits);
-      hits &= ~(1u << b);
-      if (hits == 0) {
-        // The nearer goes on; on a tie the higher lane does.
-        const bool swap = nears[b] >= nears[a];
-        const int pushed = swap ? b : a, next = swap ? a : b;
-        push(nears[pushed], node.child[pushed]);
-        reference = node.child[next];
+      if ((rest & (rest - 1)) == 0) {
+        // Two lanes, listed from the higher: the nearer goes on, on a tie the higher lane.
+        const int high = __builtin_ctz(rest);
+        const bool lowFirst = nears[low] < nears[high];
+        const int pushed = lowFirst ? high : low;
+        if (top != end) *top++ = {nears[pushed], node.child[pushed]};
+        reference = node.child[lowFirst ? low : high];
         continue;
       }
       // Three or more: all pushed, the group sorted, the nearest taken back.
       StackEntry* const group = top;
-      push(nears[a], node.child[a]);
-      push(nears[b], node.child[b]);
-      do {
-        const int lane = highestLane(hits);
-        hits &= ~(1u << lane);
-        push(nears[lane], node.child[lane]);
-      } while (hits);
-      if (top == group) {
-        leaf = false;
-        break;
+      for (uint32_t lanesLeft = hits; lanesLeft && top != end; lanesLeft &= lanesLeft - 1) {
+        const int lane = __builtin_ctz(lanesLeft);
+        *top++ = {nears[lane], node.child[lane]};
       }
+      if (top == group) goto next;
       sortDescending(group, top);
       reference = (--top)->reference;
     }
-    if (leaf) found |= testLeaf<probe>(object, reference, ray);
+    found |= testLeaf<probe>(object, reference, ray);
+  next:
+    // Entries that the shrinking limit has passed are dropped unopened.
+    do {
+      if (top == stack) return found;
+      --top;
+    } while (!(top->near < ray.t));
+    reference = top->reference;
   }
-  return found;
 }
 }  // namespace
 

@@ -31,11 +31,12 @@ void enterShadowInstance(const Object& object, uint32_t i, Ray& ray) {
 bool leafBlocks(const Object& object, uint64_t reference, Ray& ray) {
   const uint32_t first = referenceIndex(reference), last = first + referenceCount(reference);
   const uint8_t kind = referenceKind(reference);
+  if (kind == kindTriangle) {
+    if (shadowTriangles(object, first, last - first, ray)) ray.throughput *= black;
+    return isBlocked(ray);
+  }
   for (uint32_t i = first; i < last; ++i) {
     switch (kind) {
-      case kindTriangle:
-        if (shadowTriangle(object, i, ray)) ray.throughput *= black;
-        break;
       case kindTetragon:
         if (shadowTetragon(object, i, ray)) ray.throughput *= black;
         break;
@@ -63,7 +64,7 @@ void intersectShadow(const Object& object, Ray& ray) {
   if (object.bvhNodes.empty()) return;
   const BvhNode* nodes = object.bvhNodes.data();
   // Here a zero component counts as backwards.
-  const RayLanes lanes = broadcastRay(ray, [](float component) { return component <= 0; });
+  const RayLanes lanes = broadcastRay(ray, true);
   StackEntry stack[stackSize];
   StackEntry* top = stack;
   StackEntry* const end = stack + stackSize;
@@ -79,6 +80,7 @@ void intersectShadow(const Object& object, Ray& ray) {
         // next lowest on top.
         const int lowest = __builtin_ctz(hits);
         hits &= hits - 1;
+        prefetchChildren(node, hits, nodes, object.mesh.triangles.data());
         for (; hits && top != end; hits &= ~(1u << (31 - __builtin_clz(hits))))
           *top++ = {index, uint32_t(31 - __builtin_clz(hits))};
         reference = node.child[lowest];

@@ -18,18 +18,17 @@ struct RayLanes {
   uint32_t farOffset[3];
 };
 
-// `backwards(component)` decides which block is near: the closest walk counts
-// a component below 0 as backwards, the shadow walk one at or below 0.
-template <typename Backwards>
-inline RayLanes broadcastRay(const Ray& ray, Backwards backwards) {
+// A component below 0 makes the ray run backwards on that axis; the shadow
+// walk counts a component of 0 as backwards too (`zeroIsBackwards`).
+inline RayLanes broadcastRay(const Ray& ray, bool zeroIsBackwards) {
   RayLanes lanes;
   for (int axis = 0; axis < 3; ++axis) {
+    const float component = ray.direction[axis];
     lanes.origin[axis] = _mm256_set1_ps(ray.origin[axis]);
     lanes.inverse[axis] = _mm256_set1_ps(ray.inv_direction[axis]);
-    const uint32_t minimum = uint32_t(axis * 32), maximum = minimum + 96;
-    const bool back = backwards(ray.direction[axis]);
-    lanes.nearOffset[axis] = back ? maximum : minimum;
-    lanes.farOffset[axis] = back ? minimum : maximum;
+    const uint32_t back = component < 0 || (zeroIsBackwards && component == 0) ? 96 : 0;
+    lanes.nearOffset[axis] = uint32_t(axis * 32) + back;
+    lanes.farOffset[axis] = uint32_t(axis * 32) + (96 - back);
   }
   return lanes;
 }

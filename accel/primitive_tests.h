@@ -3,6 +3,9 @@
 // tetragons and particles are inline: the walks run them for every leaf.
 #pragma once
 
+#include <immintrin.h>
+
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 
@@ -47,49 +50,119 @@ inline bool isShadowTarget(const Ray& ray, uint8_t kind, uint32_t index) {
   return ray.hit.kind == kind && ray.hit.primitive == index;
 }
 
-// --- triangles
+// --- triangles, up to four at a time in the lanes of 128-bit registers
 
-// The plane's distance and the barycentric weights; both sides count.
-inline bool crossTriangle(const Mesh& mesh, const Triangle& triangle, const Ray& ray, FaceCrossing& c) {
-  const Vec3f p0 = mesh.worldPositions[triangle.i0];
-  const Vec3f e1 = mesh.worldPositions[triangle.i1] - p0, e2 = mesh.worldPositions[triangle.i2] - p0;
-  const Vec3f n = cross(e1, e2);
-  const Vec3f a = p0 - ray.origin;
-  c.denominator = dot(n, ray.direction);
-  c.t = dot(n, a) / c.denominator;
-  // Written so that a NaN distance fails.
-  if (!(c.t >= 1e-6f && c.t < ray.t - 1e-6f)) return false;
-  const Vec3f q = (c.t * ray.direction - a) * (1.0f / dot(n, n));
-  const float w1 = dot(q, cross(e2, n));
-  if (!(w1 >= 0 && w1 <= 1)) return false;
-  const float w2 = dot(q, cross(n, e1));
-  if (!(w2 >= 0 && w2 <= 1)) return false;
-  const float w0 = 1 - (w1 + w2);
-  if (w0 < 0) return false;
-  c.weights[0] = w0, c.weights[1] = w1, c.weights[2] = w2;
-  return true;
+// What the lanes of a group leave for the steps after the geometric test.
+struct TriangleGroup {
+  alignas(16) float t[4];
+  alignas(16) float denominator[4];
+  alignas(16) float w[3][4];
+};
+
+// Triangles `first` to `first + count - 1` (count 1 to 4) against the ray up
+// to its present limit; the bits of the lanes crossed. Both sides count.
+inline int crossTriangles(const Mesh& mesh, uint32_t first, uint32_t count, const Ray& ray, TriangleGroup& g) {
+  const Triangle* triangles = mesh.triangles.data() + first;
+  const Vec3f* p = mesh.worldPositions.data();
+  // Missing lanes repeat lane 0 and are masked off at the end.
+  const Triangle& t0 = triangles[0];
+  const Triangle& t1 = triangles[count > 1 ? 1 : 0];
+  const Triangle& t2 = triangles[count > 2 ? 2 : 0];
+  const Triangle& t3 = triangles[count > 3 ? 3 : 0];
+  auto gather = [&](uint32_t Triangle::*corner, int axis) {
+    return _mm_setr_ps(p[t0.*corner][axis], p[t1.*corner][axis], p[t2.*corner][axis], p[t3.*corner][axis]);
+  };
+  auto sub = [](__m128 a, __m128 b) { return _mm_sub_ps(a, b); };
+  auto mul = [](__m128 a, __m128 b) { return _mm_mul_ps(a, b); };
+  auto dot = [&](__m128 ax, __m128 ay, __m128 az, __m128 bx, __m128 by, __m128 bz) {
+    return _mm_add_ps(_mm_add_ps(mul(ax, bx), mul(ay, by)), mul(az, bz));
+  };
+  const __m128 p0x = gather(&Triangle::i0, 0), p0y = gather(&Triangle::i0, 1), p0z = gather(&Triangle::i0, 2);
+  const __m128 e1x = sub(gather(&Triangle::i1, 0), p0x), e1y = sub(gather(&Triangle::i1, 1), p0y);
+  const __m128 e1z = sub(gather(&Triangle::i1, 2), p0z);
+  const __m128 e2x = sub(gather(&Triangle::i2, 0), p0x), e2y = sub(gather(&Triangle::i2, 1), p0y);
+  const __m128 e2z = sub(gather(&Triangle::i2, 2), p0z);
+  const __m128 dx = _mm_set1_ps(ray.direction.x), dy = _mm_set1_ps(ray.direction.y), dz = _mm_set1_ps(ray.direction.z);
+  // N := e1 x e2, unnormalised.
+  const __m128 nx = sub(mul(e1y, e2z), mul(e1z, e2y)), ny = sub(mul(e1z, e2x), mul(e1x, e2z));
+  const __m128 nz = sub(mul(e1x, e2y), mul(e1y, e2x));
+  const __m128 ax = sub(p0x, _mm_set1_ps(ray.origin.x)), ay = sub(p0y, _mm_set1_ps(ray.origin.y));
+  const __m128 az = sub(p0z, _mm_set1_ps(ray.origin.z));
+  const __m128 denominator = dot(nx, ny, nz, dx, dy, dz);
+  const __m128 t = _mm_div_ps(dot(nx, ny, nz, ax, ay, az), denominator);
+  // Ordered comparisons: a NaN distance fails.
+  __m128 inside = _mm_and_ps(_mm_cmpge_ps(t, _mm_set1_ps(1e-6f)), _mm_cmplt_ps(t, _mm_set1_ps(ray.t - 1e-6f)));
+  const __m128 scale = _mm_div_ps(_mm_set1_ps(1), dot(nx, ny, nz, nx, ny, nz));
+  const __m128 qx = mul(sub(mul(t, dx), ax), scale), qy = mul(sub(mul(t, dy), ay), scale);
+  const __m128 qz = mul(sub(mul(t, dz), az), scale);
+  // w1 := q . (e2 x N), w2 := q . (N x e1), w0 := 1 - (w1 + w2).
+  const __m128 w1 = dot(qx, qy, qz, sub(mul(e2y, nz), mul(e2z, ny)), sub(mul(e2z, nx), mul(e2x, nz)),
+                        sub(mul(e2x, ny), mul(e2y, nx)));
+  const __m128 w2 = dot(qx, qy, qz, sub(mul(ny, e1z), mul(nz, e1y)), sub(mul(nz, e1x), mul(nx, e1z)),
+                        sub(mul(nx, e1y), mul(ny, e1x)));
+  const __m128 w0 = sub(_mm_set1_ps(1), _mm_add_ps(w1, w2));
+  const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1);
+  inside = _mm_and_ps(inside, _mm_and_ps(_mm_cmpge_ps(w1, zero), _mm_cmple_ps(w1, one)));
+  inside = _mm_and_ps(inside, _mm_and_ps(_mm_cmpge_ps(w2, zero), _mm_cmple_ps(w2, one)));
+  inside = _mm_and_ps(inside, _mm_cmpge_ps(w0, zero));
+  const int lanes = _mm_movemask_ps(inside) & ((1 << count) - 1);
+  if (lanes == 0) return 0;
+  _mm_store_ps(g.t, t);
+  _mm_store_ps(g.denominator, denominator);
+  _mm_store_ps(g.w[0], w0);
+  _mm_store_ps(g.w[1], w1);
+  _mm_store_ps(g.w[2], w2);
+  return lanes;
+}
+
+inline FaceCrossing laneCrossing(const TriangleGroup& g, int lane) {
+  return {g.t[lane], g.denominator[lane], {g.w[0][lane], g.w[1][lane], g.w[2][lane], 0}, 0, 0};
 }
 
 // Substitution, visibility and the stochastic cut-out by a textured opacity,
 // then the closest hit is written; false when the face lets the ray through.
 bool acceptTriangle(const Object& object, uint32_t index, Ray& ray, const FaceCrossing& crossing);
 
+// Triangles in index order, each hit shortening the ray for the ones after it.
+inline bool closestTriangles(const Object& object, uint32_t first, uint32_t count, Ray& ray) {
+  bool found = false;
+  for (uint32_t base = first, last = first + count; base < last; base += 4) {
+    TriangleGroup g;
+    for (int lanes = crossTriangles(object.mesh, base, std::min(last - base, 4u), ray, g); lanes; lanes &= lanes - 1) {
+      const int lane = __builtin_ctz(lanes);
+      const uint32_t index = base + uint32_t(lane);
+      // A lane before this one may have come nearer.
+      if (!(g.t[lane] < ray.t - 1e-6f)) continue;
+      // The closest triangle test does not compare the object.
+      if (ray.prev_kind == kindTriangle && ray.prev_primitive == index && ray.prev_instance == ray.instance) continue;
+      found |= acceptTriangle(object, index, ray, laneCrossing(g, lane));
+    }
+  }
+  return found;
+}
+
 inline bool closestTriangle(const Object& object, uint32_t index, Ray& ray) {
-  FaceCrossing c;
-  if (!crossTriangle(object.mesh, object.mesh.triangles[index], ray, c)) return false;
-  // The closest triangle test does not compare the object.
-  if (ray.prev_kind == kindTriangle && ray.prev_primitive == index && ray.prev_instance == ray.instance) return false;
-  return acceptTriangle(object, index, ray, c);
+  return closestTriangles(object, index, 1, ray);
 }
 
 // The same steps for a shadow ray: true when the face blocks it.
 bool triangleBlocks(const Object& object, uint32_t index, const Ray& ray, const FaceCrossing& crossing);
 
+inline bool shadowTriangles(const Object& object, uint32_t first, uint32_t count, const Ray& ray) {
+  for (uint32_t base = first, last = first + count; base < last; base += 4) {
+    TriangleGroup g;
+    for (int lanes = crossTriangles(object.mesh, base, std::min(last - base, 4u), ray, g); lanes; lanes &= lanes - 1) {
+      const int lane = __builtin_ctz(lanes);
+      const uint32_t index = base + uint32_t(lane);
+      if (isPreviousPrimitive(object, ray, kindTriangle, index) || isShadowTarget(ray, kindTriangle, index)) continue;
+      if (triangleBlocks(object, index, ray, laneCrossing(g, lane))) return true;
+    }
+  }
+  return false;
+}
+
 inline bool shadowTriangle(const Object& object, uint32_t index, const Ray& ray) {
-  FaceCrossing c;
-  if (!crossTriangle(object.mesh, object.mesh.triangles[index], ray, c)) return false;
-  if (isPreviousPrimitive(object, ray, kindTriangle, index) || isShadowTarget(ray, kindTriangle, index)) return false;
-  return triangleBlocks(object, index, ray, c);
+  return shadowTriangles(object, index, 1, ray);
 }
 
 // --- tetragons

@@ -1,9 +1,13 @@
 // quazel: renders a scene directory with the library's whole run.
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "app/display_png.h"
 #include "qz.h"
 
 namespace fs = std::filesystem;
@@ -56,6 +60,10 @@ int main(int argc, char** argv) {
       directory = arg;
     }
   }
+  if (preview && !std::getenv("DISPLAY")) {
+    std::cerr << "quazel: --preview needs a display, and DISPLAY is not set\n";
+    return 1;
+  }
   if (directory.empty()) {
     directory = exampleScene().string();
     if (directory.empty()) {
@@ -76,7 +84,13 @@ int main(int argc, char** argv) {
   qzSetPreviewWindow(preview);
   qzGo(directory.c_str());
 
-  const std::vector<std::string> written = newFiles(start);
+  std::vector<std::string> written = newFiles(start);
+  // Float images get a display copy a person can open anywhere.
+  for (const std::string& name : std::vector<std::string>(written))
+    if (name.ends_with(".hdr") || name.ends_with(".pfm") || name.ends_with(".exr")) {
+      const std::string png = writeDisplayPng(name, 2.2f);
+      if (!png.empty() && std::find(written.begin(), written.end(), png) == written.end()) written.push_back(png);
+    }
   std::cout << "quazel: images are in " << fs::current_path(error).string() << "/" << std::endl;
   for (const std::string& name : written) std::cout << "  " << name << std::endl;
   return 0;

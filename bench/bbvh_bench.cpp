@@ -21,10 +21,8 @@
 #include "geometry/object.h"
 #include "tests/mesh_fixture.h"
 
-#if QZ_EMBREE_VERSION == 4
-#include <embree4/rtcore.h>
-#elif QZ_EMBREE_VERSION == 3
-#include <embree3/rtcore.h>
+#ifdef QZ_EMBREE_VERSION
+#include "bench/embree_mesh.h"
 #endif
 
 namespace {
@@ -102,20 +100,7 @@ double embreeBuild(const Mesh& mesh, const char* config, int repetitions) {
   double best = 0;
   for (int r = 0; r < repetitions; ++r) {
     RTCScene scene = rtcNewScene(device);
-    RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
-    auto* vertices = static_cast<float*>(rtcSetNewGeometryBuffer(
-        geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 3 * sizeof(float), mesh.worldPositions.size()));
-    std::memcpy(vertices, mesh.worldPositions.data(), mesh.worldPositions.size() * sizeof(Vec3f));
-    auto* indices = static_cast<unsigned*>(rtcSetNewGeometryBuffer(
-        geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 3 * sizeof(unsigned), mesh.triangles.size()));
-    for (size_t i = 0; i < mesh.triangles.size(); ++i) {
-      indices[3 * i] = mesh.triangles[i].i0;
-      indices[3 * i + 1] = mesh.triangles[i].i1;
-      indices[3 * i + 2] = mesh.triangles[i].i2;
-    }
-    rtcCommitGeometry(geometry);
-    rtcAttachGeometry(scene, geometry);
-    rtcReleaseGeometry(geometry);
+    attachEmbreeTriangles(device, scene, mesh);
     int64_t start = clockNanoseconds();
     rtcCommitScene(scene);
     double t = milliseconds(start, clockNanoseconds());

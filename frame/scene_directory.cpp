@@ -5,6 +5,7 @@
 
 #include "frame/report.h"
 #include "frame/scene_file.h"
+#include "geometry/object_block.h"
 #include "lights/gaffer.h"
 #include "lights/sky.h"
 #include "output/camera.h"
@@ -25,6 +26,8 @@ bool dispatchBlock(const std::string& keyword, std::istream& file) {
     cameras.push_back(std::move(camera));
   } else if (keyword == "shader") {
     defineShaderFromBlock(file);
+  } else if (keyword == "object") {
+    readObjectBlock(objects[size_t(qzAddObject())], file);
   } else if (keyword == "sky_light") {
     readSkyLightBlock(file);
   } else if (keyword == "point_light") {

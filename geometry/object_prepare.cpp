@@ -8,8 +8,11 @@
 #include "accel/primitive_bounds.h"
 #include "frame/renderer.h"
 #include "frame/report.h"
+#include "geometry/displacement.h"
 #include "geometry/emitter.h"
+#include "geometry/obj_reader.h"
 #include "geometry/object.h"
+#include "geometry/smooth_mesh.h"
 #include "output/camera.h"
 #include "shading/shader.h"
 
@@ -22,7 +25,7 @@ size_t channelValues(const std::vector<VertexChannel<T>>& list) {
   return n;
 }
 
-// Every non-empty channel of a set, in list order.
+// Every channel of the three lists of a set.
 template <typename Set, typename Visit>
 void forEachChannel(Set& set, Visit visit) {
   for (auto& channel : set.vectorChannels) visit(channel.values);
@@ -51,12 +54,6 @@ void placeVertices(Set& set, const Matrix4f& matrix) {
   });
   for (std::vector<uint32_t>* packed : {&set.normals, &set.tangents})
     if (!packed->empty()) packed->resize(vertices);
-}
-
-template <typename Primitive, typename Valid>
-void dropInvalid(std::vector<Primitive>& primitives, Valid valid) {
-  primitives.erase(std::remove_if(primitives.begin(), primitives.end(), [&](const Primitive& p) { return !valid(p); }),
-                   primitives.end());
 }
 
 // A still set lives on in its world positions alone.
@@ -119,7 +116,7 @@ void computeBounds(Object& object) {
 void prepareParticles(ParticleSet& set, const Matrix4f& matrix) {
   placeVertices(set, matrix);
   const size_t vertices = set.worldPositions.size();
-  dropInvalid(set.indices, [&](uint32_t v) { return v < vertices; });
+  std::erase_if(set.indices, [&](uint32_t v) { return v >= vertices; });
   if (!set.indices.empty()) set.scalarChannels[0].values.resize(vertices);
   scanMotion(set);
 }
@@ -127,7 +124,7 @@ void prepareParticles(ParticleSet& set, const Matrix4f& matrix) {
 void prepareCylinders(CylinderSet& set, const Matrix4f& matrix) {
   placeVertices(set, matrix);
   const size_t vertices = set.worldPositions.size();
-  dropInvalid(set.indices, [&](const Cylinder& c) { return uint64_t(c.first) + 1 < vertices; });
+  std::erase_if(set.indices, [&](const Cylinder& c) { return uint64_t(c.first) + 1 >= vertices; });
   if (!set.indices.empty()) {
     set.scalarChannels[0].values.resize(vertices);
     if (Shader* shader = shaderAt(uint32_t(set.shader))) shader->used_by_hair = 1;
@@ -166,20 +163,23 @@ void prepareCylinders(CylinderSet& set, const Matrix4f& matrix) {
 void prepareMesh(Mesh& mesh, const Matrix4f& matrix) {
   placeVertices(mesh, matrix);
   const size_t vertices = mesh.worldPositions.size();
-  dropInvalid(mesh.triangles, [&](const Triangle& t) { return std::max({t.i0, t.i1, t.i2}) < vertices; });
-  dropInvalid(mesh.tetragons, [&](const Tetragon& t) { return std::max({t.i0, t.i1, t.i2, t.i3}) < vertices; });
+  std::erase_if(mesh.triangles, [&](const Triangle& t) { return std::max({t.i0, t.i1, t.i2}) >= vertices; });
+  std::erase_if(mesh.tetragons, [&](const Tetragon& t) { return std::max({t.i0, t.i1, t.i2, t.i3}) >= vertices; });
   // Faces naming a shader that nothing defined render with the fallback.
   auto undefinedToFallback = [](uint32_t& shader) {
     if (shader < shaders.size() && !shaders[shader].enabled) shader = 0;
   };
   for (Triangle& t : mesh.triangles) undefinedToFallback(t.shader);
   for (Tetragon& t : mesh.tetragons) undefinedToFallback(t.shader);
+  clearWeldTable();
   scanMotion(mesh);
   auto flipped = [](uint32_t shader) { return shader < shaders.size() && shaders[shader].geometry.flip_face; };
   for (Triangle& t : mesh.triangles)
     if (flipped(t.shader)) std::swap(t.i0, t.i1);
   for (Tetragon& t : mesh.tetragons)
     if (flipped(t.shader)) std::swap(t.i0, t.i2);
+  displaceMesh(mesh);
+  smoothMesh(mesh);
 }
 
 float poseTime() {
@@ -190,7 +190,10 @@ float poseTime() {
 
 void poseParticles(ParticleSet& set, const Matrix4f& matrix) { poseSet(set, matrix); }
 void poseCylinders(CylinderSet& set, const Matrix4f& matrix) { poseSet(set, matrix); }
-void poseMesh(Mesh& mesh, const Matrix4f& matrix) { poseSet(mesh, matrix); }
+void poseMesh(Mesh& mesh, const Matrix4f& matrix) {
+  poseSet(mesh, matrix);
+  if (mesh.hasMotion) refreshFrames(mesh);
+}
 
 void prepareObject(Object& object) {
   if (isEmptyObject(object)) return;

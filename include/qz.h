@@ -115,6 +115,7 @@ QZ_API int qzAddVertexData(int object, int kind, const char* name, int count, in
 QZ_API int qzAddInstance(int object);
 QZ_API void qzSetInstance(int object, int instance, int target, const float* matrix);
 QZ_API void qzOverrideShader(int object, int instance, const char* from, const char* to);
+QZ_API void qzLoadObject(int object, const char* path);
 
 /* Point and parallel lights. A parallel light's direction is the way its light
    travels; a point light's direction is the axis of its spot cone. Angles in degrees. */

@@ -3,6 +3,7 @@
 // sky and the geometry light use as well.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <istream>
 #include <string>
@@ -47,8 +48,9 @@ struct Light {
 };
 
 // Set by each photon emission: 1 while the sky casts, 0 for point and
-// parallel lights. The photon store keeps no caustics from the sky.
-extern uint8_t skyPhoton;
+// parallel lights. The photon store keeps no caustics from the sky. All
+// threads of a cast write the same value, so relaxed stores do.
+extern std::atomic<uint8_t> skyPhoton;
 
 // The shader ids of the names, appended: an unknown name links shader 0.
 void resolveLink(LightLink& link);

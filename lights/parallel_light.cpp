@@ -31,7 +31,7 @@ void ParallelLight::emit(Ray& ray, uint64_t index) const {
   if (blur > 0) sampleCone(ray.direction, frame, {uint32_t(index), 2, 0}, cos_max);
   startPhoton(ray, index, blur > 0 ? 4 : 2, ior);
   ray.weight = power / float(photon);
-  skyPhoton = 0;
+  skyPhoton.store(0, std::memory_order_relaxed);
 }
 
 void readParallelLightBlock(std::istream& file, ParallelLight& light) {

@@ -5,7 +5,7 @@
 
 #include "lights/light.h"
 
-uint8_t skyPhoton = 0;
+std::atomic<uint8_t> skyPhoton{0};
 
 void startPhoton(Ray& ray, uint64_t index, uint32_t dimension, float ior) {
   ray.throughput = white;

@@ -65,7 +65,7 @@ void PointLight::emit(Ray& ray, uint64_t index) const {
   ray.direction = d;
   startPhoton(ray, index, blur > 0 ? 3 : 1, ior);
   ray.weight = spotFactor(*this, d) * power / N;
-  skyPhoton = 0;
+  skyPhoton.store(0, std::memory_order_relaxed);
 }
 
 void readPointLightBlock(std::istream& file, PointLight& light) {

@@ -26,5 +26,5 @@ void emitSkyPhoton(Ray& ray, uint64_t index) {
   ray.direction = -d;
   startPhoton(ray, index, 4, sky.ior);
   ray.weight = flux / float(sky.photon);
-  skyPhoton = 1;
+  skyPhoton.store(1, std::memory_order_relaxed);
 }

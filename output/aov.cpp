@@ -7,7 +7,9 @@
 #include "frame/renderer.h"
 #include "frame/report.h"
 #include "frame/scene_file.h"
+#include "geometry/object.h"
 #include "output/camera.h"
+#include "shading/shader.h"
 
 namespace {
 struct TypeWord {
@@ -52,6 +54,61 @@ Color3f term(uint32_t bit, const Ray& ray, const HitTerms& t) {
     case 0x800: return t.radiance[4];
     case 0x2000: return t.radiance[5];
     case 0x8000: return t.radiance[6];
+  }
+  return black;
+}
+
+// The named vertex data at one vertex: scalars, then pairs, then triples, a
+// later match overwriting an earlier one; black with no match.
+template <typename Set>
+Color3f vertexData(const Set& set, uint32_t vertex, const std::string& name) {
+  Color3f value = black;
+  for (const auto& channel : set.scalarChannels)
+    if (channel.name == name && vertex < channel.values.size()) {
+      const float s = channel.values[vertex];
+      value = {s, s, s};
+    }
+  for (const auto& channel : set.pairChannels)
+    if (channel.name == name && vertex < channel.values.size())
+      value = {channel.values[vertex].u, channel.values[vertex].v, 0};
+  for (const auto& channel : set.vectorChannels)
+    if (channel.name == name && vertex < channel.values.size()) value = asColor(channel.values[vertex]);
+  return value;
+}
+
+// The vertex data of the hit primitive, weighted by where the hit lies on it.
+Color3f userDataTerm(const Ray& ray, const std::string& name) {
+  const Object* object = ray.hit.object;
+  if (!object) return black;
+  const uint32_t p = ray.hit.primitive;
+  const float* c = ray.coords;
+  switch (ray.hit.kind) {
+    case 1:
+      if (p < object->particles.indices.size()) return vertexData(object->particles, object->particles.indices[p], name);
+      break;
+    case 2:
+      if (p < object->cylinders.indices.size()) {
+        const uint32_t v = object->cylinders.indices[p].first;
+        const CylinderSet& set = object->cylinders;
+        return (1 - c[2]) * vertexData(set, v, name) + c[2] * vertexData(set, v + 1, name);
+      }
+      break;
+    case 3:
+      if (p < object->mesh.triangles.size()) {
+        const Triangle& t = object->mesh.triangles[p];
+        const Mesh& m = object->mesh;
+        return c[0] * vertexData(m, t.i0, name) + c[1] * vertexData(m, t.i1, name) + c[2] * vertexData(m, t.i2, name);
+      }
+      break;
+    case 4:
+      if (p < object->mesh.tetragons.size()) {
+        const Tetragon& t = object->mesh.tetragons[p];
+        const Mesh& m = object->mesh;
+        const float u = c[0], v = c[1];
+        return (1 - u) * (1 - v) * vertexData(m, t.i0, name) + (1 - u) * v * vertexData(m, t.i1, name) +
+               u * v * vertexData(m, t.i2, name) + u * (1 - v) * vertexData(m, t.i3, name);
+      }
+      break;
   }
   return black;
 }
@@ -118,7 +175,10 @@ void prepareAOV(CameraAOV& aov, int width, int height) {
                  std::to_string(height));
     }
   }
+  // The last shader of that name wins.
   aov.shader = -1;
+  for (size_t i = 0; i < shaders.size(); ++i)
+    if (shaders[i].name == aov.shader_name) aov.shader = int(i);
 }
 
 int64_t aovBytes(const CameraAOV& aov) { return int64_t(aov.image.floats.size() * sizeof(float)); }
@@ -128,6 +188,10 @@ void writeCameraAOVs(const Ray& ray, const HitTerms& terms) {
   const float f = 1.0f / float(ray.sample_count);
   for (CameraAOV& aov : cameras[renderer.camera].aovs) {
     const int64_t i = int64_t(ray.pixel) * aov.image.channels;
+    if (aov.channel == userDataChannel) {
+      addToPixel(aov.image, i, userDataTerm(ray, aov.user_data_name) * f);
+      continue;
+    }
     for (uint32_t bit : termOrder)
       if (aov.channel & bit) addToPixel(aov.image, i, term(bit, ray, terms) * f);
   }

@@ -9,6 +9,7 @@
 #include "accel/ray.h"
 #include "frame/renderer.h"
 #include "frame/report.h"
+#include "geometry/scene_assembly.h"
 #include "output/camera.h"
 #include "output/preview.h"
 #include "qz.h"
@@ -88,6 +89,8 @@ void progressiveStep() {
     // An empty region can take no measurable time; its rate shows as 0.
     printProgress(int((double(p + 1) * 100.0) / camera.sample),
                   float(totalRays()) / float(std::max<int64_t>(renderer.elapsed, 1)));
+    // Moving geometry takes the pose of the pass just finished, one pass behind the camera.
+    updateMovingObjects();
     ++renderer.pass;
     if (renderer.pass == camera.sample) closeRender(start);
   }

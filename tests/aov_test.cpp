@@ -3,8 +3,10 @@
 #include <sstream>
 
 #include "frame/renderer.h"
+#include "geometry/object.h"
 #include "output/camera.h"
 #include "qz.h"
+#include "shading/shader.h"
 #include "tests/test_util.h"
 
 namespace {
@@ -70,19 +72,15 @@ TEST(AOVBlock, AnyOtherWordNamesUserData) {
   EXPECT_EQ(aov.channel, 0x80004u);
 }
 
-TEST(AOVExports, SetNameUserDataAndChannel) {
+TEST(AOVExports, UserDataReplacesTheMaskAndTheBeautyCanOnlyBeRenamed) {
   quietStartup();
   cameras.clear();
   const int c = qzAddCamera();
   EXPECT_EQ(qzAddCameraAOV(c), 1);
-  qzSetCameraAOVName(c, 1, "albedo.exr");
   qzSetCameraAOVChannel(c, 1, 0x10);
-  EXPECT_EQ(cameras[c].aovs[1].image.name, "albedo.exr");
-  EXPECT_EQ(cameras[c].aovs[1].channel, 0x10u);
   qzSetCameraAOVUserData(c, 1, "temperature");
   EXPECT_EQ(cameras[c].aovs[1].channel, userDataChannel);
   EXPECT_EQ(cameras[c].aovs[1].user_data_name, "temperature");
-  // The beauty can be renamed, not removed.
   qzSetCameraAOVName(c, 0, "final.hdr");
   EXPECT_EQ(cameras[c].aovs[0].image.name, "final.hdr");
   qzSetCameraAOVName(c, 5, "nowhere.hdr");
@@ -167,4 +165,62 @@ TEST(AOVReport, AverageAndVarianceRowsCarryTheFileName) {
   EXPECT_EQ(readPixel(aov.image, 0), black);
   EXPECT_EQ(aov.image.name, "depth.pfm");
   EXPECT_EQ(aovBytes(aov), 24);
+}
+
+TEST(AOVShader, TheLastShaderOfTheNameWins) {
+  quietStartup();
+  const size_t before = shaders.size();
+  for (const char* name : {"skin", "metal", "skin"}) qzSetShaderName(qzAddShader(), name);
+  CameraAOV aov;
+  aov.shader_name = "skin";
+  prepareAOV(aov, 2, 2);
+  EXPECT_EQ(aov.shader, int(before) + 2);
+  aov.shader_name = "skim";
+  prepareAOV(aov, 2, 2);
+  EXPECT_EQ(aov.shader, -1);
+  shaders.resize(before);
+}
+
+TEST(AOVWrite, UserDataIsTheHitPrimitivesVertexDataWeightedByTheHit) {
+  quietStartup();
+  CameraAOV& aov = cameraWithAOV(0);
+  aov.channel = userDataChannel;
+  aov.user_data_name = "heat";
+  Object object;
+  Mesh& mesh = object.mesh;
+  mesh.scalarChannels = {{"heat", {1, 2, 4, 8}}};
+  mesh.triangles = {{0, 1, 2, 0}};
+  mesh.tetragons = {{0, 1, 2, 3, 0}};
+  object.particles.indices = {3};
+  object.particles.scalarChannels.push_back({"heat", {0, 0, 0, 5}});
+  object.cylinders.indices = {{1, 0}};
+  // A pair and then a triple of the same name: the triple, read last, wins.
+  object.cylinders.pairChannels.push_back({"heat", {{1, 1}, {2, 3}, {4, 5}}});
+  object.cylinders.vectorChannels.push_back({"heat", {{0, 0, 0}, {1, 2, 3}, {3, 2, 1}}});
+
+  Ray ray;
+  ray.sample_count = 2;
+  ray.hit.object = &object;
+  ray.hit.primitive = 0;
+  auto written = [&](uint8_t kind, Vec3f coords) {
+    std::fill(aov.image.floats.begin(), aov.image.floats.end(), 0.0f);
+    ray.hit.kind = kind;
+    ray.coords[0] = coords.x, ray.coords[1] = coords.y, ray.coords[2] = coords.z;
+    writeCameraAOVs(ray, sampleTerms());
+    return pixelOf(aov, 0);
+  };
+  // Halves, since each write stands for one of two samples.
+  expectColor(written(3, {0.5f, 0.25f, 0.25f}), Color3f(2, 2, 2) * 0.5f);
+  const float u = 0.25f, v = 0.5f;
+  const float tetragon = (1 - u) * (1 - v) * 1 + (1 - u) * v * 2 + u * v * 4 + u * (1 - v) * 8;
+  expectColor(written(4, {u, v, 0}), Color3f(tetragon, tetragon, tetragon) * 0.5f);
+  expectColor(written(1, {0, 0, 0}), Color3f(5, 5, 5) * 0.5f);
+  expectColor(written(2, {0, 0, 0.25f}), (Color3f(1, 2, 3) * 0.75f + Color3f(3, 2, 1) * 0.25f) * 0.5f);
+  // A name that no vertex data bears, or no hit object, leaves the pixel black.
+  aov.user_data_name = "cold";
+  expectColor(written(3, {0.5f, 0.25f, 0.25f}), black);
+  aov.user_data_name = "heat";
+  ray.hit.object = nullptr;
+  expectColor(written(3, {0.5f, 0.25f, 0.25f}), black);
+  cameras.clear();
 }

@@ -4,11 +4,11 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "shading/image.h"
 #include "tests/scene_writer.h"
+#include "tests/regex.h"
 #include "tests/test_util.h"
 
 namespace fs = std::filesystem;
@@ -102,6 +102,12 @@ TEST(QuazelCommand, HelpMissingDirectoryAndStrayArguments) {
   run = quazel(work, "no-such-scene");
   EXPECT_NE(run.status, 0);
   EXPECT_NE(run.err.find("no-such-scene"), std::string::npos) << run.err;
+  EXPECT_EQ(run.out, "");
+  // A preview without a display is refused before any work.
+  unsetenv("DISPLAY");
+  run = quazel(work, "--preview");
+  EXPECT_NE(run.status, 0);
+  EXPECT_NE(run.err.find("DISPLAY"), std::string::npos) << run.err;
   EXPECT_EQ(run.out, "");
   run = quazel(work, "--fast");
   EXPECT_NE(run.status, 0);

@@ -5,21 +5,12 @@
 #include "geometry/object.h"
 #include "qz.h"
 #include "shading/shader.h"
+#include "tests/scene_fixture.h"
 #include "tests/test_util.h"
 
 namespace {
 
-class ObjectTest : public testing::Test {
- protected:
-  void SetUp() override {
-    objects.clear();
-    quietStartup();
-  }
-  void TearDown() override {
-    objects.clear();
-    qzFinalizeShaders();
-  }
-};
+using ObjectTest = SceneTest;
 
 std::string prepared(Object& object) {
   return captureOutput([&] { prepareObject(object); });

@@ -1,6 +1,7 @@
 // The rules around single hits: self-intersection guards, limits, shader
 // substitution and visibility, cut-outs, the probe and deep nesting.
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include "accel/primitive_tests.h"
 #include "accel/traversal.h"
@@ -329,4 +330,31 @@ TEST_F(RayEdgeTest, NestingBeyondTheTableIsWalkedWithoutWritingPastIt) {
   Ray shadow = rayFrom({0, 0, -1}, nearlyAlongZ);
   shadow.t = 10;
   EXPECT_TRUE(traceShadow(shadow));
+}
+
+TEST_F(RayEdgeTest, ThreadsQueryAtOnceEachWithItsOwnTableRows) {
+  const int face = triangles({-1, -1, 0, 1, -1, 0, 0, 1, 0});
+  const int middle = qzAddObject();
+  for (int i = 0; i < 4; ++i)
+    qzSetInstance(middle, qzAddInstance(middle), face, placementMatrix({0, 0, 1}, 0, 1.0f + i, {3.0f * i, 0, 1}).data());
+  const int root = qzAddObject();
+  qzSetInstance(root, qzAddInstance(root), middle, placementMatrix({1, 0, 0}, 0, 1, {0, 0, 2}).data());
+  assemble();
+  const int n = 4000;
+  std::vector<Ray> serial(n), parallel(n);
+  std::vector<float> scale(n);
+  for (int i = 0; i < n; ++i) serial[i] = parallel[i] = rayFrom({float(i % 4) * 3, 0, 0}, {1e-3f, 2e-3f, 1});
+  for (Ray& ray : serial) traceClosest(ray);
+#pragma omp parallel for num_threads(4)
+  for (int i = 0; i < n; ++i) {
+    parallel[i].thread = uint32_t(omp_get_thread_num());
+    traceClosest(parallel[i]);
+    // Read back at once: the row belongs to this thread until its next query.
+    scale[i] = instanceNormalMatrices(parallel[i].thread)[1][0];
+  }
+  for (int i = 0; i < n; ++i) {
+    ASSERT_EQ(parallel[i].t, serial[i].t);
+    ASSERT_EQ(parallel[i].hit.instance, serial[i].hit.instance);
+    ASSERT_FLOAT_EQ(scale[i], 1.0f / float(1 + i % 4));
+  }
 }

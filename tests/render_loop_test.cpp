@@ -3,13 +3,14 @@
 #include <cmath>
 #include <filesystem>
 #include <limits>
-#include <regex>
 #include <sstream>
 
 #include "frame/renderer.h"
+#include "geometry/object.h"
 #include "output/camera.h"
 #include "output/render_loop.h"
 #include "qz.h"
+#include "tests/regex.h"
 #include "tests/test_util.h"
 
 namespace {
@@ -22,7 +23,9 @@ class RenderLoop : public testing::Test {
     quietStartup();
     qzSetSkyLightColor(0, 0, 0);
     cameras.clear();
-    folder = scratchFolder("render-loop");
+    // Each test its own folder: ctest runs them side by side.
+    const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+    folder = scratchFolder("render-loop-" + name);
   }
   void TearDown() override {
     cameras.clear();
@@ -172,6 +175,25 @@ TEST_F(RenderLoop, RenderPixelsOverAllPassesEqualsTheBeautyOfRender) {
   std::vector<float> few(3 * 3, 7);
   qzRenderPixels(3, few.data(), 0);
   EXPECT_EQ(few[8], marked.b);
+}
+
+TEST_F(RenderLoop, MovingGeometryIsPosedAfterEveryPass) {
+  addCamera(4, 4, 4);
+  // One triangle whose single motion channel moves it by 4 along x over the exposure.
+  const int o = qzAddObject();
+  const float positions[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0}, start[9] = {}, end[9] = {4, 0, 0, 4, 0, 0, 4, 0, 0};
+  const unsigned face[3] = {0, 1, 2};
+  qzAddVertexData(o, 3, "position", 3, 3, positions);
+  qzAddVertexData(o, 3, "motion", 3, 3, start);
+  qzAddVertexData(o, 3, "motion", 3, 3, end);
+  qzAddPrimitives(o, 3, 1, face);
+  renderer.pass = 0;
+  captureOutput([] { qzInitializeAccelerator(); });
+  prepare();
+  captureOutput([] { qzRender(); });
+  // The last pass, 3, left the geometry at its own moment, (3 + 0.5) / 4.
+  EXPECT_FLOAT_EQ(objects[0].mesh.worldPositions[0].x, 3.5f);
+  qzFinalizeAccelerator();
 }
 
 TEST_F(RenderLoop, NoCameraRendersNothing) {

@@ -9,23 +9,12 @@
 #include "output/camera.h"
 #include "qz.h"
 #include "shading/shader.h"
+#include "tests/scene_fixture.h"
 #include "tests/test_util.h"
 
 namespace {
 
-class SceneTest : public testing::Test {
- protected:
-  void SetUp() override {
-    objects.clear();
-    quietStartup();
-  }
-  void TearDown() override {
-    qzFinalizeAccelerator();
-    qzFinalizeShaders();
-  }
-};
-
-std::string assemble() {
+std::string assembleReport() {
   return captureOutput([] { qzInitializeAccelerator(); });
 }
 
@@ -51,7 +40,7 @@ const std::string rule = std::string(80, '_') + "\n\n";
 
 TEST_F(SceneTest, OneTriangleReportsItsRowsAndTheSceneBounds) {
   triangleObject({0, 0, 0, 2, 0, 0, 0, 4, 0}, 1);
-  std::string out = assemble();
+  std::string out = assembleReport();
   const std::string objectsRow = captureOutput([] { printArrayRow("objects  ", sizeof(Object), 1, "M bytes"); });
   const std::string objectReport =
       "positions         12 [bytes]         3      0.000 [M bytes]\n"
@@ -74,16 +63,16 @@ TEST_F(SceneTest, OneTriangleReportsItsRowsAndTheSceneBounds) {
 
 TEST_F(SceneTest, TwoTrianglesShareALeafAndThreeSplit) {
   triangleObject(nineApart, 2);
-  EXPECT_TRUE(has(assemble(), "simd occupancy     12.500 [%]\n"));
+  EXPECT_TRUE(has(assembleReport(), "simd occupancy     12.500 [%]\n"));
   EXPECT_EQ(referenceCount(objects[0].bvhNodes[0].child[0]), 2);
   qzFinalizeAccelerator();
   triangleObject(nineApart, 3);
-  EXPECT_TRUE(has(assemble(), "simd occupancy     25.000 [%]\n"));
+  EXPECT_TRUE(has(assembleReport(), "simd occupancy     25.000 [%]\n"));
 }
 
 TEST_F(SceneTest, ManyTrianglesOnOneCentreWrapTheirLeafCount) {
   triangleObject({-1, 0, 0, 1, 0, 0, 0, 1, 0}, 300);
-  std::string out = assemble();
+  std::string out = assembleReport();
   EXPECT_TRUE(has(out, "triangles         16 [bytes]        44      0.001 [M bytes]\n")) << out;
   ASSERT_EQ(objects[0].bvhNodes.size(), 1u);
   EXPECT_EQ(referenceCount(objects[0].bvhNodes[0].child[0]), 44);
@@ -101,7 +90,7 @@ TEST_F(SceneTest, KindsSharingACentreSplitByKindSmallestFirst) {
   qzAddVertexData(o, 1, "radius", 1, 1, &radius);
   const unsigned particles[2] = {0, 0};
   qzAddPrimitives(o, 1, 2, particles);
-  std::string out = assemble();
+  std::string out = assembleReport();
   EXPECT_TRUE(has(out, "simd occupancy     37.500 [%]\n")) << out;
   const BvhNode& root = objects[0].bvhNodes[0];
   EXPECT_EQ(referenceKind(root.child[0]), kindParticle);
@@ -114,7 +103,7 @@ TEST_F(SceneTest, KindsSharingACentreSplitByKindSmallestFirst) {
 TEST_F(SceneTest, TwoIndependentObjectsEndUnderTheSecond) {
   triangleObject(nineApart, 1);
   triangleObject(nineApart, 2);
-  std::string out = assemble();
+  std::string out = assembleReport();
   EXPECT_TRUE(has(out, "warning :( object - there are multiple root objects\n"
                        "warning :( object - object0001 is treated as the root object\n" +
                            rule));
@@ -142,7 +131,7 @@ TEST_F(SceneTest, InstancesBindByNameAndTheirMatrixPlacesTheChild) {
   objects[parent].instances[missing].objectName = "ghost";
   int lonely = qzAddObject();
   objects[lonely].instances.emplace_back().objectName = "nobody";
-  std::string out = assemble();
+  std::string out = assembleReport();
   EXPECT_TRUE(has(out, "error :( instance - ghost does not exist\n"));
   EXPECT_TRUE(has(out, "error :( instance - nobody does not exist\n"));
   EXPECT_FALSE(has(out, "warning"));
@@ -162,7 +151,7 @@ TEST_F(SceneTest, CyclesAreCutInsteadOfRecursingForever) {
   int a = triangleObject(nineApart, 1), b = triangleObject(nineApart, 1);
   qzSetInstance(a, qzAddInstance(a), b, nullptr);
   qzSetInstance(b, qzAddInstance(b), a, nullptr);
-  std::string out = assemble();
+  std::string out = assembleReport();
   EXPECT_TRUE(has(out, "warning :( object - there is no root object\n" + rule));
   EXPECT_EQ(rootObject, 0u);
   EXPECT_EQ(objects[0].instances.size(), 1u);
@@ -171,10 +160,10 @@ TEST_F(SceneTest, CyclesAreCutInsteadOfRecursingForever) {
 }
 
 TEST_F(SceneTest, EmptyScenesPrintNothing) {
-  EXPECT_EQ(assemble(), "");
+  EXPECT_EQ(assembleReport(), "");
   qzAddObject();
   qzAddObject();
-  EXPECT_EQ(assemble(), "");
+  EXPECT_EQ(assembleReport(), "");
   EXPECT_TRUE(objects.empty());
 }
 
@@ -199,18 +188,20 @@ TEST_F(SceneTest, HairShadersArePreparedAfterAssembly) {
   qzSetObjectShader(o, 2, hair);
   const unsigned first = 0;
   qzAddPrimitives(o, 2, 1, &first);
-  std::string out = assemble();
+  std::string out = assembleReport();
   EXPECT_TRUE(has(out, "cylinders          8 [bytes]         1      0.000 [M bytes]\n")) << out;
   EXPECT_FLOAT_EQ(shaders[hair].hair.f0, 0.04f);
   EXPECT_EQ(shaders[0].prepared, 0);
 }
 
 TEST_F(SceneTest, MalformedInputIsPassedOverQuietly) {
+  const unsigned faces[8] = {0, 1, 2, 0, 1, 7, 0, 1};
+  int hollow = qzAddObject();  // its only face names vertices that are not there
+  qzAddPrimitives(hollow, 3, 1, faces);
   int o = qzAddObject();
   const float points[9] = {0, 0, 0, std::nanf(""), 1, 0, 1, 1, 1};
   qzAddVertexData(o, 3, "position", 3, 3, points);
   qzAddVertexData(o, 3, "normal", 1, 3, points);  // one normal for three vertices
-  const unsigned faces[8] = {0, 1, 2, 0, 1, 7, 0, 1};
   qzAddPrimitives(o, 3, 2, faces);
   qzAddPrimitives(o, 4, 1, faces + 4);
   qzSetObjectShader(o, 1, 12345);  // no such shader
@@ -220,15 +211,18 @@ TEST_F(SceneTest, MalformedInputIsPassedOverQuietly) {
   const unsigned last = 1;
   qzAddPrimitives(o, 2, 1, &last);  // a segment from the last vertex
   qzSetInstance(o, qzAddInstance(o), 99, nullptr);
-  std::string out = assemble();
+  std::string out = assembleReport();
   EXPECT_TRUE(has(out, "scene minimum")) << out;
-  EXPECT_EQ(objects[0].mesh.triangles.size(), 1u);
-  EXPECT_TRUE(objects[0].mesh.tetragons.empty());
-  EXPECT_EQ(objects[0].particles.indices.size(), 2u);
-  EXPECT_TRUE(objects[0].cylinders.indices.empty());
-  EXPECT_TRUE(objects[0].instances.empty());
-  EXPECT_EQ(objects[0].mesh.normals.size(), 3u);
-  EXPECT_EQ(objects[0].mesh.normals[2], 0u);  // the missing ones read as absent
+  EXPECT_TRUE(objects[hollow].bvhNodes.empty());
+  const Object& kept = objects[o];
+  EXPECT_EQ(kept.mesh.triangles.size(), 1u);
+  EXPECT_TRUE(kept.mesh.tetragons.empty());
+  EXPECT_EQ(kept.particles.indices.size(), 2u);
+  EXPECT_TRUE(kept.cylinders.indices.empty());
+  ASSERT_EQ(kept.instances.size(), 1u);  // the hollow object, placed under the last root
+  EXPECT_EQ(kept.instances[0].object, hollow);
+  EXPECT_EQ(kept.mesh.normals.size(), 3u);
+  EXPECT_EQ(kept.mesh.normals[2], 0u);  // the missing ones read as absent
 }
 
 TEST_F(SceneTest, MovingObjectsArePosedWithThePassJustFinished) {
@@ -243,7 +237,7 @@ TEST_F(SceneTest, MovingObjectsArePosedWithThePassJustFinished) {
   EXPECT_EQ(qzAddVertexData(parent, 3, "motion", 3, 3, end), 2);
   int child = triangleObject({0, 5, 0, 1, 5, 0, 0, 6, 0}, 1);
   qzSetInstance(parent, qzAddInstance(parent), child, nullptr);
-  assemble();
+  assembleReport();
   const Object& moving = objects[parent];
   EXPECT_EQ(moving.hasMotion, 1);
   EXPECT_FALSE(moving.buildRecords.empty());
@@ -273,11 +267,34 @@ TEST_F(SceneTest, MovingObjectsArePosedWithThePassJustFinished) {
   qzFinalizeAccelerator();
   int still = triangleObject({0, 0, 0, 1, 0, 0, 0, 1, 0}, 1);
   qzAddVertexData(still, 3, "motion", 3, 3, end);
-  assemble();
+  assembleReport();
   EXPECT_FLOAT_EQ(objects[still].mesh.worldPositions[0].x, 4);
   renderer.pass = 3;
   updateMovingObjects();
   EXPECT_FLOAT_EQ(objects[still].mesh.worldPositions[0].x, 4);
   renderer.pass = 0;
   cameras.clear();
+}
+
+TEST_F(SceneTest, TheRenderLoopPosesAfterEachPass) {
+  const int camera = qzAddCamera();
+  qzSetCameraResolution(camera, 2, 2);
+  qzSetCameraSample(camera, 3);
+  qzSetCameraAOVName(camera, 0, (scratchFolder("moving-render") + "/beauty.pfm").c_str());
+  int o = triangleObject({0, 0, 0, 1, 0, 0, 0, 1, 0}, 1);
+  const float start[9] = {}, end[9] = {3, 0, 0, 3, 0, 0, 3, 0, 0};
+  qzAddVertexData(o, 3, "motion", 3, 3, start);
+  qzAddVertexData(o, 3, "motion", 3, 3, end);
+  renderer.pass = 0;
+  captureOutput([] {
+    qzInitializeAccelerator();
+    qzInitializeCameras();
+    qzRender();
+  });
+  // The last pose is that of pass 2, made before the pass number reached 3.
+  EXPECT_EQ(renderer.pass, 3);
+  EXPECT_FLOAT_EQ(objects[0].mesh.worldPositions[0].x, 2.5f);
+  EXPECT_FLOAT_EQ(sceneMax.x, 3.5f);
+  renderer.pass = 0;
+  qzFinalizeCameras();
 }

@@ -17,7 +17,9 @@ class SceneDirectory : public testing::Test {
   void SetUp() override {
     quietStartup();
     cameras.clear();
-    scene = scratchFolder("scene-directory") + "/";
+    // Each test its own folder: ctest runs them side by side.
+    const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+    scene = scratchFolder("scene-directory-" + name) + "/";
   }
   void TearDown() override {
     cameras.clear();

@@ -1,14 +1,16 @@
-// A test fixture for whole scenes built through the exports and assembled quietly.
+// Tests that build scenes start from a fresh library and leave it empty:
+// no objects, shaders, images or welded vertices carry over to the next test.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include "geometry/obj_reader.h"
 #include "geometry/object.h"
 #include "qz.h"
 #include "shading/image.h"
+#include "shading/shader.h"
 #include "tests/test_util.h"
 
-// Each test starts from an empty scene with the startup shader and tables.
 class SceneTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -19,6 +21,7 @@ class SceneTest : public testing::Test {
     qzFinalizeAccelerator();
     qzFinalizeShaders();
     freeImages();
+    clearWeldTable();
   }
   static void assemble() {
     captureOutput([] { qzInitializeAccelerator(); });

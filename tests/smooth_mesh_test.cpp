@@ -1,0 +1,146 @@
+#include "geometry/smooth_mesh.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "qz.h"
+#include "shading/shader.h"
+#include "tests/test_util.h"
+
+namespace {
+
+class SmoothMeshTest : public testing::Test {
+ protected:
+  void SetUp() override { quietStartup(); }
+  void TearDown() override { qzFinalizeShaders(); }
+
+  int shaderWithAngle(float angle) {
+    const int s = qzAddShader();
+    qzSetShaderSmoothAngle(s, angle);
+    return s;
+  }
+};
+
+// A unit cube of six outward-facing tetragons; vertex x + 2y + 4z sits at (x, y, z).
+Mesh cube(uint32_t shader) {
+  Mesh mesh;
+  for (int v = 0; v < 8; ++v) mesh.worldPositions.push_back(Vec3f(float(v & 1), float(v >> 1 & 1), float(v >> 2)));
+  const uint32_t faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4}, {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
+  for (const auto& f : faces) mesh.tetragons.push_back({f[0], f[1], f[2], f[3], shader});
+  return mesh;
+}
+
+std::set<uint32_t> distinct(const std::vector<uint32_t>& words) { return {words.begin(), words.end()}; }
+
+bool axisAligned(Vec3f n) { return std::fabs(n.x) + std::fabs(n.y) + std::fabs(n.z) == 1.0f; }
+
+}  // namespace
+
+TEST_F(SmoothMeshTest, FlatAngleFreesTheNormals) {
+  Mesh mesh = cube(uint32_t(shaderWithAngle(0)));
+  mesh.normals.assign(8, 77);
+  mesh.tangents.assign(8, 99);
+  smoothMesh(mesh);
+  EXPECT_TRUE(mesh.normals.empty());
+  EXPECT_EQ(mesh.tangents, std::vector<uint32_t>(8, 99));
+  EXPECT_EQ(mesh.worldPositions.size(), 8u);
+}
+
+TEST_F(SmoothMeshTest, NegativeAngleKeepsGivenFramesExactly) {
+  Mesh mesh = cube(uint32_t(shaderWithAngle(-1)));
+  for (uint32_t v = 0; v < 8; ++v) {
+    mesh.normals.push_back(1000 + v);
+    mesh.tangents.push_back(v);
+  }
+  const Mesh before = mesh;
+  smoothMesh(mesh);
+  EXPECT_EQ(mesh.normals, before.normals);
+  EXPECT_EQ(mesh.tangents, before.tangents);
+  EXPECT_EQ(mesh.tetragons[3].i2, before.tetragons[3].i2);
+}
+
+TEST_F(SmoothMeshTest, SmallAngleSplitsTheCorners) {
+  Mesh mesh = cube(uint32_t(shaderWithAngle(30)));
+  mesh.worldPositions.push_back({5, 5, 5});  // used by no face: dropped
+  smoothMesh(mesh);
+  ASSERT_EQ(mesh.worldPositions.size(), 24u);
+  ASSERT_EQ(mesh.normals.size(), 24u);
+  ASSERT_EQ(mesh.tangents.size(), 24u);
+  // Each face has its four vertices, all with the face's own normal.
+  for (const Tetragon& t : mesh.tetragons) {
+    EXPECT_EQ(distinct({t.i0, t.i1, t.i2, t.i3}).size(), 4u);
+    const uint32_t word = mesh.normals[t.i0];
+    EXPECT_TRUE(axisAligned(unpackUnitVector(word)));
+    for (uint32_t v : {t.i1, t.i2, t.i3}) EXPECT_EQ(mesh.normals[v], word);
+  }
+  EXPECT_EQ(distinct(mesh.normals).size(), 6u);
+}
+
+TEST_F(SmoothMeshTest, HalfTurnSharesTheCorners) {
+  Mesh mesh = cube(uint32_t(shaderWithAngle(180)));
+  smoothMesh(mesh);
+  ASSERT_EQ(mesh.worldPositions.size(), 8u);
+  for (uint32_t v = 0; v < 8; ++v) {
+    // The sum of three unit face normals points away from the centre along the diagonal.
+    const Vec3f away = mesh.worldPositions[v] * 2 - Vec3f(1, 1, 1);
+    EXPECT_EQ(mesh.normals[v], packUnitVector(away));
+  }
+}
+
+TEST_F(SmoothMeshTest, ChannelsAndAnglesSplitPerFace) {
+  // Two triangles folded along their shared edge by 90 degrees; the second keeps its given words.
+  Mesh mesh;
+  mesh.worldPositions = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+  mesh.pairChannels[0].values = {{0, 0}, {1, 0}, {0, 1}, {0, -1}};
+  mesh.scalarChannels.push_back({"weight", {1, 2, 3, 4}});
+  mesh.normals.assign(4, 5);
+  mesh.tangents.assign(4, 6);
+  const uint32_t smooth = uint32_t(shaderWithAngle(100)), kept = uint32_t(shaderWithAngle(-1));
+  mesh.triangles = {{0, 1, 2, smooth}, {0, 3, 1, smooth}, {0, 1, 2, kept}};
+  smoothMesh(mesh);
+  // Corners 0 and 1 of the smooth faces share one normal between the two planes. Every
+  // face at the position counts in the sum, the third too, whatever its own angle; but
+  // it keeps the words 5 and 6 itself, and so gets vertices of its own.
+  EXPECT_EQ(mesh.triangles[0].i0, mesh.triangles[1].i0);
+  EXPECT_EQ(mesh.normals[mesh.triangles[0].i0], packUnitVector({0, 1, 2}));
+  EXPECT_NE(mesh.triangles[2].i0, mesh.triangles[0].i0);
+  EXPECT_EQ(mesh.normals[mesh.triangles[2].i0], 5u);
+  EXPECT_EQ(mesh.tangents[mesh.triangles[2].i1], 6u);
+  // The tangent follows u: along +x for both smooth faces.
+  EXPECT_EQ(mesh.tangents[mesh.triangles[0].i1], packUnitVector({1, 0, 0}));
+  EXPECT_EQ(mesh.scalarChannels[0].values[mesh.triangles[1].i1], 4.0f);
+  EXPECT_EQ(mesh.worldPositions.size(), 7u);
+  EXPECT_EQ(mesh.scalarChannels[0].values.size(), 7u);
+  EXPECT_EQ(mesh.pairChannels[0].values.size(), 7u);
+}
+
+TEST_F(SmoothMeshTest, FaceFramesFallBackToABasis) {
+  Mesh mesh;
+  mesh.worldPositions = {{0, 0, 0}, {2, 0, 0}, {0, 2, 0}};
+  const Triangle t{0, 1, 2, 0};
+  // No tangents array: the first axis of a basis about the normal.
+  FaceFrame frame = triangleFrame(mesh, t);
+  Vec3f tangent, bitangent;
+  buildOrthonormalBasis({0, 0, 1}, tangent, bitangent);
+  EXPECT_EQ(frame.normal, Vec3f(0, 0, 1));
+  EXPECT_EQ(frame.tangent, tangent);
+  mesh.tangents.assign(3, 0);
+  mesh.pairChannels[0].values = {{0, 0}, {0, -1}, {1, 0}};
+  EXPECT_EQ(triangleFrame(mesh, t).tangent, Vec3f(0, 1, 0));
+  // The formula leaves out the sign of the mapping: a mirrored uv turns the tangent round.
+  mesh.pairChannels[0].values = {{0, 0}, {0, 1}, {1, 0}};
+  EXPECT_EQ(triangleFrame(mesh, t).tangent, Vec3f(0, -1, 0));
+}
+
+TEST_F(SmoothMeshTest, RefreshKeepsAbsentWords) {
+  Mesh mesh;
+  mesh.worldPositions = {{0, 0, 0}, {1, 0, 0}, {1, 0, 1}, {0, 0, 1}};
+  mesh.tetragons = {{0, 1, 2, 3, 0}};
+  mesh.normals = {packUnitVector({0, 0, 1}), packUnitVector({0, 0, 1}), packUnitVector({0, 0, 1}), 0};
+  refreshFrames(mesh);
+  EXPECT_EQ(mesh.normals[0], packUnitVector({0, -1, 0}));
+  EXPECT_EQ(mesh.normals[2], packUnitVector({0, -1, 0}));
+  EXPECT_EQ(mesh.normals[3], 0u);
+  EXPECT_TRUE(mesh.tangents.empty());
+}
