@@ -1,12 +1,19 @@
 // The pieces of direct lighting that every light kind shares: how many samples
 // a first-bounce hit gets, shadow rays, and where the results go.
 #include <algorithm>
+#include <cmath>
 
 #include "frame/renderer.h"
 #include "lights/light.h"
 #include "output/camera.h"
+#include "shading/jitter_diffuse.h"
+#include "transport/child_ray.h"
 
 namespace {
+// A probe finds a face of the hit's shader nearly always; this many failures
+// mean it never will, and the sample is given up.
+constexpr int jitterTries = 64;
+
 float meanComponent(Color3f c) { return (c.r + c.g + c.b) / 3; }
 
 // Accumulator bits of a light AOV: diffuse and glossy, reflection and transmission.
@@ -40,20 +47,29 @@ int firstBounceSampleCount(const Surface& surface, const Ray& ray, int sample) {
   return n - n % P;
 }
 
-Color3f shadowTransmittance(const Ray& from, Vec3f origin, Vec3f direction, float distance) {
+Color3f shadowTransmittance(const Ray& from, const Hit& leaving, Vec3f origin, Vec3f direction, float distance) {
   Ray shadow;
   shadow.origin = origin;
   shadow.direction = direction;
   shadow.t = distance;
   shadow.thread = from.thread;
-  // Leaving the hit's primitive: it must not shadow itself.
-  shadow.prev_instance = from.hit.instance;
-  shadow.prev_object = from.hit.object;
-  shadow.prev_primitive = from.hit.primitive;
-  shadow.prev_kind = from.hit.kind;
-  shadow.prev_depth = from.hit.depth;
+  // The primitive under the origin must not shadow itself.
+  leavePrimitive(shadow, leaving);
   traceShadow(shadow);
   return shadow.throughput;
+}
+
+bool jitterInForce(const Ray& ray, const Surface& surface) {
+  const Color3f& r = surface.jitter;
+  const bool face = ray.hit.kind == 3 || ray.hit.kind == 4;
+  return face && surface.jitter_on && std::fmin(r.r, std::fmin(r.g, r.b)) > 0;
+}
+
+bool findJitteredSurface(const Ray& ray, const Surface& surface, Surface& jittered, Hit& jitteredHit,
+                         Color3f& weight) {
+  for (int tries = 0; tries < jitterTries; ++tries)
+    if (jitterDiffuse(ray, surface, jittered, jitteredHit, weight)) return true;
+  return false;
 }
 
 void finishDirectLight(Color3f accumulators[4], const Surface& surface, LobeRadiance& lobes,

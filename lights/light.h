@@ -89,9 +89,15 @@ float lobeAverage(const Surface& surface);
 // Samples a light takes at a first-bounce hit over all passes: scaled by the
 // lobes and the throughput, at most `sample`, at least P, a multiple of P.
 int firstBounceSampleCount(const Surface& surface, const Ray& ray, int sample);
-// Transmittance from `origin` along `direction` to `distance`, passing over the
-// primitive that the ray `from` hit.
-Color3f shadowTransmittance(const Ray& from, Vec3f origin, Vec3f direction, float distance);
+// Transmittance from `origin` along `direction` to `distance` for the thread
+// of `from`, passing over the primitive `leaving` that the ray starts on.
+Color3f shadowTransmittance(const Ray& from, const Hit& leaving, Vec3f origin, Vec3f direction, float distance);
+// Diffuse jitter is used at hits on faces whose surface has all three radii.
+bool jitterInForce(const Ray& ray, const Surface& surface);
+// Probes for a nearby point of the hit's shader until one is found; false
+// when none is found in a bounded number of tries (a shader that probes never find).
+bool findJitteredSurface(const Ray& ray, const Surface& surface, Surface& jittered, Hit& jitteredHit,
+                         Color3f& weight);
 // The last step of direct lighting: the four accumulators (diffuse and glossy,
 // reflection and transmission) take their lobe colours and go to the
 // integrator and to the light's AOVs.

@@ -47,9 +47,11 @@ bool sampleLight(const ParallelLight& light, const Surface&, const SampleCursor&
 // also turn the 0 / 0 of an offset of 1 into no light.
 float terminator(float c, float offset) { return std::fmin(std::fmax((c - offset) / (1 - offset), 0.0f), 1.0f); }
 
+// One light sample from the working surface, which a jittered hit has moved;
+// `jitterWeight` scales the diffuse lobes only.
 template <class AnyLight>
-void addLightSample(const AnyLight& light, const Ray& ray, const Surface& surface, uint32_t index, float weight,
-                    Color3f accumulators[4]) {
+void addLightSample(const AnyLight& light, const Ray& ray, const Surface& surface, const Hit& leaving, uint32_t index,
+                    float weight, Color3f jitterWeight, Color3f accumulators[4]) {
   LightSample sample;
   if (!sampleLight(light, surface, {index, ray.cursor.dimension, ray.cursor.scramble}, sample)) return;
   const Vec3f l = sample.l;
@@ -59,33 +61,42 @@ void addLightSample(const AnyLight& light, const Ray& ray, const Surface& surfac
   const float gr = surface.glossy_on[0] ? evalGlossyReflection(surface, surface.view, l) * c : 0;
   const float gt = surface.glossy_on[1] ? -evalGlossyTransmission(surface, surface.view, l) * c : 0;
   if (!(dr > 0 || dt > 0 || gr > 0 || gt > 0)) return;
-  const Color3f T = shadowTransmittance(ray, surface.position, l, sample.distance);
+  const Color3f T = shadowTransmittance(ray, leaving, surface.position, l, sample.distance);
   if (!isOn(T)) return;
   const Color3f L = sample.s * T * light.color * weight;
-  accumulators[0] += L * dr;
-  accumulators[1] += L * dt;
+  accumulators[0] += L * dr * jitterWeight;
+  accumulators[1] += L * dt * jitterWeight;
   // The glossy lobes alone take 4 pi: the scale in which their evaluation meets a light.
   accumulators[2] += 4 * pi * L * gr;
   accumulators[3] += 4 * pi * L * gt;
 }
 
-// One sample on later bounces and for small lights seen from a first hit; a
-// share of the light's `sample` per pass for lights with a size.
+// One sample on later bounces and for small lights seen from a first hit
+// without jitter; a share of the light's `sample` per pass otherwise.
 template <class AnyLight>
 void shadeWithLight(AnyLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
   if (!linkAllows(light.link, ray.hit.shader)) return;
+  const bool jitter = jitterInForce(ray, surface);
+  Surface working = surface;
+  Hit leaving = ray.hit;
   Color3f accumulators[4];
+  // Jitter takes a new nearby point for every sample and leaves from there.
+  auto sampleOnce = [&](uint32_t index, float weight) {
+    Color3f jitterWeight = white;
+    if (jitter && !findJitteredSurface(ray, surface, working, leaving, jitterWeight)) return;
+    addLightSample(light, ray, working, leaving, index, weight, jitterWeight, accumulators);
+  };
   const uint32_t bounce = bounceIndex(ray);
-  if (bounce != 0 || !(light.blur > 0)) {
+  if (bounce != 0 || (!(light.blur > 0) && !jitter)) {
     if (bounce >= uint32_t(renderer.bounce)) return;
-    addLightSample(light, ray, surface, ray.cursor.index, 1, accumulators);
+    sampleOnce(ray.cursor.index, 1);
   } else {
     const int N = firstBounceSampleCount(surface, ray, light.sample);
     const int P = passCount();
     const float weight = float(P) / float(N);
-    for (int i = renderer.pass; i < N; i += P) addLightSample(light, ray, surface, uint32_t(i), weight, accumulators);
+    for (int i = renderer.pass; i < N; i += P) sampleOnce(uint32_t(i), weight);
   }
-  finishDirectLight(accumulators, surface, lobes, light.aovs, ray);
+  finishDirectLight(accumulators, working, lobes, light.aovs, ray);
 }
 }  // namespace
 

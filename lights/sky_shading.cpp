@@ -42,7 +42,7 @@ void addSkySample(const Ray& ray, const Surface& surface, uint32_t index, float 
   const bool front = (surface.diffuse_on[0] || surface.glossy_on[0]) && c > 0 && cg > 0;
   const bool back = (surface.diffuse_on[1] || surface.glossy_on[1]) && c < 0 && cg < 0;
   if (!front && !back) return;
-  const Color3f T = shadowTransmittance(ray, surface.position, l, infinity);
+  const Color3f T = shadowTransmittance(ray, ray.hit, surface.position, l, infinity);
   if (!isOn(T)) return;
   const Color3f L = sky.cells[skyCellIndex(face, a, b)] * sky.color * T * weight;
   const float ps = p * float(skyCellCount) / (4 * pi);

@@ -288,6 +288,42 @@ TEST_F(LightTest, ParallelLightAndItsSoftShadow) {
   EXPECT_LT(lit(0.08f), c - 0.02f);
 }
 
+TEST_F(LightTest, JitteredHitsTakeTheLightFromANearbyPointOfTheirShader) {
+  // The same colour on both sides: a probe that finds the floor from below
+  // brings the colours of its back.
+  const int floor = qzAddShader();
+  qzSetShaderColor(floor, 3, diffuseChannel, 0.5f, 0.5f, 0.5f);
+  qzSetShaderColor(floor, 3, jitterChannel, 0.05f, 0.05f, 0.05f);
+  const std::vector<float> p = {-5, 0, 5, 5, 0, 5, 5, 0, -5, -5, 0, -5};
+  const int o = qzAddObject();
+  qzAddVertexData(o, 4, "position", 4, 3, p.data());
+  qzSetObjectShader(o, 4, floor);
+  const unsigned face[4] = {0, 1, 2, 3};
+  qzAddPrimitives(o, 4, 1, face);
+  captureOutput([] {
+    qzInitializeAccelerator();
+    qzInitializeShaders();
+  });
+  PointLight& light = lightAbove(1);
+  captureOutput([] { prepareGaffer(); });
+
+  Surface s = planePoint({0, 0, 0}, {0.5f, 0.5f, 0.5f});
+  s.jitter = {0.05f, 0.05f, 0.05f};
+  s.jitter_on = 1;
+  Ray hit = cameraHit(uint32_t(floor));
+  hit.hit.kind = 4;
+  hit.facing = 1;
+  const uint64_t probes = rayCounters.probe.load();
+  // Within 0.05 of the foot the light is the same to a few thousandths.
+  expectColorNear(lightAt(light, s, hit).diffuse[0], {0.5f, 0.5f, 0.5f}, 0.01f);
+  EXPECT_GT(rayCounters.probe.load(), probes);
+  // A jitter radius of 0 in one channel turns the jitter off for lights.
+  s.jitter.g = 0;
+  const uint64_t before = rayCounters.probe.load();
+  lightAt(light, s, hit);
+  EXPECT_EQ(rayCounters.probe.load(), before);
+}
+
 TEST_F(LightTest, LinkedLightsLightOnlyTheirShaders) {
   const int a = qzAddShader(), b = qzAddShader();
   qzSetShaderName(a, "linked");

@@ -55,10 +55,11 @@ inline void oneCamera(int width, int height, int passes) {
   renderer.camera = 0;
 }
 
-// Starts every light test from a clean library: no lights, cameras or objects.
+// Starts every light test from a clean library: no lights, cameras, objects or shaders but shader 0.
 class LightTest : public testing::Test {
  protected:
   void SetUp() override {
+    qzFinalizeShaders();  // shader 0 alone, so that new shaders start at 1
     quietStartup();
     pointLights.clear();
     parallelLights.clear();
