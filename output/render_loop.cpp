@@ -53,7 +53,8 @@ void closeRender(int64_t start) {
   printRule();
   for (const CameraAOV& aov : camera.aovs) reportAOV(aov);
   printRule();
-  printRow("rendering time", float(clockNanoseconds() - start) * 1e-9f, "seconds", 3);
+  // Whole milliseconds: the row shows what was done, never a rounded-up figure.
+  printRow("rendering time", float((clockNanoseconds() - start) / 1000000) * 0.001f, "seconds", 3);
   printRule();
   for (const CameraAOV& aov : camera.aovs) saveImage(aov.image);
   // The lights' own outputs are written as they are finalised; the point and
