@@ -10,6 +10,8 @@
 #include "frame/renderer.h"
 #include "frame/report.h"
 #include "geometry/scene_assembly.h"
+#include "lights/gaffer.h"
+#include "lights/sky.h"
 #include "output/camera.h"
 #include "output/preview.h"
 #include "qz.h"
@@ -51,9 +53,15 @@ void closeRender(int64_t start) {
   printRule();
   for (const CameraAOV& aov : camera.aovs) reportAOV(aov);
   printRule();
-  printRow("rendering time", float(clockNanoseconds() - start) * 1e-9f, "seconds", 3);
+  // Whole milliseconds: the row shows what was done, never a rounded-up figure.
+  printRow("rendering time", float((clockNanoseconds() - start) / 1000000) * 0.001f, "seconds", 3);
   printRule();
   for (const CameraAOV& aov : camera.aovs) saveImage(aov.image);
+  // The lights' own outputs are written as they are finalised; the point and
+  // parallel lights are not wanted after the last pass.
+  finalizeSky();
+  freePointLights();
+  freeParallelLights();
 }
 
 bool haveCamera() { return renderer.camera >= 0 && size_t(renderer.camera) < cameras.size(); }

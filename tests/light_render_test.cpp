@@ -144,8 +144,10 @@ TEST_F(LitFloor, VaryingImageMatchesABruteForceIntegral) {
   qzSetSkyLightZenith(0, 1, 0);
   qzSetSkyLightNorth(0, 0, 1);
   build({0, 0, 0}, 4);
-  render();
+  // The last pass frees the sky's tables, so the reference is taken between preparation and render.
+  captureOutput([] { qzInitialize(); });
   const Color3f reference = rho * skyReflectedByWhite(Y, 200000);
+  captureOutput([] { qzRender(); });
   const Color3f mean = meanPixel(0);
   for (int i = 0; i < 3; ++i) EXPECT_NEAR(mean[i] / reference[i], 1, 0.02) << i;
 }

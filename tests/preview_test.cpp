@@ -134,6 +134,14 @@ void previewInsideDisplay() {
                  stillCamera("  resolution " + std::to_string(width) + " " + std::to_string(height) +
                              "\n  sample 3\n"));
   writeSceneFile(work + "/scene/render", "render.qz", "render\n  gamma 2.2\nend\n");
+  // A glowing panel over the upper right of the view on a black sky, so that the
+  // picture has an inside, an outside and an orientation to compare.
+  writeSceneFile(work + "/scene/shader", "glow.qz",
+                 "shader\nname \"glow\"\nsingle_sided\nemission\ncolor 0.5 0.25 1\nend\nend\n");
+  writeSceneFile(work + "/scene/light", "sky.qz", "sky_light\ncolor 0 0 0\nend\n");
+  writeSceneFile(work + "/scene/geometry", "panel.obj",
+                 "usemtl glow\nv -1 0 0\nv 1.5 0 0\nv 1.5 3 0\nv -1 3 0\nf 1 2 3 4\n");
+  writeSceneFile(work + "/scene/geometry", "panel.qz", "object\nname panel\nobj \"geometry/panel.obj\"\nend\n");
   const std::string binary = (fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "quazel").string();
   const std::string output = work + "/out.txt";
   const pid_t child = fork();
@@ -176,6 +184,11 @@ void previewInsideDisplay() {
       }
     }
   EXPECT_LE(worst, 2);
+  // Both the panel and the sky are in the picture.
+  int lit = 0;
+  for (size_t i = 2; i < shot.rgb.size(); i += 3) lit += shot.rgb[i] > 250;
+  EXPECT_GT(lit, 0);
+  EXPECT_LT(lit, shot.width * shot.height / 2);
 
   // Closing the window writes the beauty again and ends the program.
   fs::remove(beautyName);

@@ -7,6 +7,8 @@
 
 #include "frame/renderer.h"
 #include "geometry/object.h"
+#include "lights/gaffer.h"
+#include "lights/sky.h"
 #include "output/camera.h"
 #include "output/render_loop.h"
 #include "qz.h"
@@ -194,6 +196,28 @@ TEST_F(RenderLoop, MovingGeometryIsPosedAfterEveryPass) {
   // The last pass, 3, left the geometry at its own moment, (3 + 0.5) / 4.
   EXPECT_FLOAT_EQ(objects[0].mesh.worldPositions[0].x, 3.5f);
   qzFinalizeAccelerator();
+}
+
+TEST_F(RenderLoop, TheLastPassWritesTheSkyOutputsAndEndsThePointAndParallelLights) {
+  addCamera(4, 4, 2);
+  qzAddPointLight();
+  qzAddParallelLight();
+  const std::string skyName = folder + "/sky.pfm";
+  qzSetSkyLightAOVName(qzAddSkyLightAOV(), skyName.c_str());
+  captureOutput([] {
+    prepareSky();
+    prepareGaffer();
+  });
+  prepare();
+  renderer.pass = 0;
+  captureOutput([] { progressiveStep(); });
+  EXPECT_EQ(pointLights.size(), 1u);
+  EXPECT_FALSE(std::filesystem::exists(skyName));
+  captureOutput([] { progressiveStep(); });
+  EXPECT_TRUE(pointLights.empty());
+  EXPECT_TRUE(parallelLights.empty());
+  EXPECT_TRUE(std::filesystem::exists(skyName));
+  EXPECT_TRUE(sky.aovs.empty());
 }
 
 TEST_F(RenderLoop, NoCameraRendersNothing) {
