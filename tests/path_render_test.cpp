@@ -150,11 +150,19 @@ class MirrorTest : public PathTest {
   }
 };
 
-TEST_F(MirrorTest, TotalReflectionShowsTheEmitterWhole) {
-  // Seen from outside an index of 0.5 reflects totally below 60 degrees from the normal.
+TEST_F(MirrorTest, TotalReflectionShowsTheEmitterWholeEvenWithNoBounce) {
+  // Seen from outside an index of 0.5 reflects totally below 60 degrees from the
+  // normal; a mirror knows no bounce limit, only the depth.
+  qzSetRendererBounce(0);
   build(0.5f);
+  const int radiance = addAOV(0, 0x800), colour = addAOV(0, 0x1000), diffuse = addAOV(0, 0x28);
   render();
-  for (int p = 0; p < pixelCount(); ++p) expectColorNear(pixel(0, p), {1, 2, 3}, 1e-5f);
+  for (int p = 0; p < pixelCount(); ++p) {
+    expectColorNear(pixel(0, p), {1, 2, 3}, 1e-5f);
+    expectColorNear(pixel(radiance, p), {1, 2, 3}, 1e-5f);
+    expectColorNear(pixel(colour, p), white, 1e-6f);
+    expectColorNear(pixel(diffuse, p), black, 0);
+  }
 }
 
 TEST_F(MirrorTest, GlassIndexReflectsSchlicksShare) {
