@@ -26,8 +26,8 @@ const char* usage =
 fs::path exampleScene() {
   std::error_code error;
   const fs::path binary = fs::read_symlink("/proc/self/exe", error).parent_path();
-  for (const fs::path& candidate : {binary / ".." / "scenes" / "first", binary / "scenes" / "first",
-                                    fs::current_path(error) / "scenes" / "first"})
+  for (const fs::path& candidate : {binary / ".." / "scenes" / "bunny", binary / "scenes" / "bunny",
+                                    fs::current_path(error) / "scenes" / "bunny"})
     if (fs::is_directory(candidate, error)) return fs::weakly_canonical(candidate, error);
   return {};
 }
@@ -67,7 +67,7 @@ int main(int argc, char** argv) {
   if (directory.empty()) {
     directory = exampleScene().string();
     if (directory.empty()) {
-      std::cerr << "quazel: the example scene (scenes/first) was not found; give a scene directory\n";
+      std::cerr << "quazel: the example scene (scenes/bunny) was not found; give a scene directory\n";
       return 1;
     }
     std::cout << "quazel: rendering the example scene " << directory << std::endl;

@@ -234,23 +234,6 @@ TEST_F(LightTest, PointLightOverADiffusePlane) {
   expectColorNear(lightAt(light, planePoint({0, 0, 0}, rho), deep).diffuse[0], rho * (I / (h * h)), 1e-6f);
 }
 
-TEST_F(LightTest, SpotConeCutsOffAtTheOuterAngle) {
-  PointLight& light = lightAbove(1);
-  light.inner_angle = 20;
-  light.outer_angle = 40;
-  light.offset = 0;
-  captureOutput([] { prepareGaffer(); });
-  const Color3f rho = white;
-  auto at = [&](float degrees) {
-    const float a = degrees * testPi / 180;
-    return lightAt(light, planePoint({std::tan(a), 0, 0}, rho)).diffuse[0].g;
-  };
-  const float c30 = std::cos(30 * testPi / 180);
-  EXPECT_NEAR(at(10), std::pow(std::cos(10 * testPi / 180), 3.0f), 1e-5);
-  EXPECT_NEAR(at(30), 0.5f * c30 * c30 * c30, 1e-5);
-  EXPECT_EQ(at(41), 0);
-}
-
 TEST_F(LightTest, ParallelLightAndItsSoftShadow) {
   const Color3f rho{0.5f, 0.5f, 0.5f};
   ParallelLight& light = parallelLights[size_t(qzAddParallelLight())];

@@ -257,14 +257,6 @@ TEST_F(SkyTest, TablesFromAnImageFileSampleTheBrightCells) {
   EXPECT_FALSE(sky.image.loaded);
 }
 
-TEST_F(SkyTest, WhiteFurnaceUnderAConstantSky) {
-  prepareQuietly();
-  ASSERT_EQ(sky.sample, 0);
-  // Lobe sampling alone: every escaped ray sees the colour at full weight.
-  const Color3f rho{0.5f, 0.7f, 0.9f};
-  expectColorNear(skyOverPlane(rho, 64), rho * 0.75f, 1e-6f);
-}
-
 TEST_F(SkyTest, WhiteFurnaceUnderAUniformImageNeedsTheBalanceHeuristic) {
   const Color3f C{0.6f, 0.8f, 1.0f};
   skyImage(64, 32, [&](float, float) { return C; });
@@ -301,24 +293,6 @@ TEST_F(SkyTest, NonUniformImageMatchesABruteForceEstimate) {
   EXPECT_NEAR(mixed.r / reference.r, 1, 0.01);
   EXPECT_NEAR(mixed.g / reference.g, 1, 0.01);
   EXPECT_NEAR(mixed.b / reference.b, 1, 0.01);
-}
-
-TEST_F(SkyTest, BackdropIsSeenByCameraRaysOnly) {
-  oneCamera(4, 2, 1);
-  Image& plate = sky.backdrop;
-  allocateImage(plate, 4, 2, 3, 32, 0);
-  for (int p = 0; p < 8; ++p) writePixel(plate, {float(p), 0, 1}, p);
-  plate.loaded = 1;
-  plate.name = "plate";
-  qzSetSkyLightColor(0.25f, 0.25f, 0.25f);
-  prepareQuietly();
-  Ray camera;
-  camera.pixel = 5;
-  camera.direction = {0, 1, 0};
-  EXPECT_EQ(skyRadiance(camera), Color3f(5, 0, 1));
-  Ray reflected = camera;
-  reflected.bounces = 1;
-  EXPECT_EQ(skyRadiance(reflected), Color3f(0.25f, 0.25f, 0.25f));
 }
 
 TEST_F(SkyTest, LinksAndAOVsOfTheSky) {
