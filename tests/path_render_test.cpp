@@ -5,10 +5,10 @@
 
 #include <cmath>
 
-#include "shading/shader.h"
-#include "shading/surface_setup.h"
 #include "shading/microfacet.h"
 #include "shading/sampling_shapes.h"
+#include "shading/shader.h"
+#include "shading/surface_setup.h"
 #include "tests/path_fixture.h"
 #include "tests/scene_writer.h"
 
@@ -96,9 +96,11 @@ TEST_F(DiffuseUnderEmitter, TheSameFromSceneFiles) {
   writeSceneFile(folder + "/shader", "materials.qz",
                  "shader\n  name \"floor\"\n  diffuse\n    color 0.5 0.5 0.5\n    side \"both\"\n  end\nend\n"
                  "shader\n  name \"lamp\"\n  emission\n    color 1 2 4\n    side \"both\"\n  end\nend\n");
-  writeSceneFile(folder + "/render", "render.qz", "render\n  final_gather\n    sample 1024\n    bounce 1\n  end\nend\n");
+  writeSceneFile(folder + "/render", "render.qz",
+                 "render\n  final_gather\n    sample 1024\n    bounce 1\n  end\nend\n");
   writeSceneFile(folder + "/light", "sky.qz", "sky_light\n  color 0 0 0\nend\n");
-  const std::string pose = "  pose\n    position 0 0.5 0\n    target 0 0 0\n    up_vector 0 0 -1\n    field_of_view 1\n  end\n";
+  const std::string pose =
+      "  pose\n    position 0 0.5 0\n    target 0 0 0\n    up_vector 0 0 -1\n    field_of_view 1\n  end\n";
   writeSceneFile(folder + "/camera", "camera.qz",
                  "camera\n  resolution 8 8\n  sample 4\n" + pose + pose +
                      "  aov\n    type \"lambertian\"\n    image \"\"\n  end\nend\n");
@@ -150,11 +152,19 @@ class MirrorTest : public PathTest {
   }
 };
 
-TEST_F(MirrorTest, TotalReflectionShowsTheEmitterWhole) {
-  // Seen from outside an index of 0.5 reflects totally below 60 degrees from the normal.
+TEST_F(MirrorTest, TotalReflectionShowsTheEmitterWholeEvenWithNoBounce) {
+  // Seen from outside an index of 0.5 reflects totally below 60 degrees from the
+  // normal; a mirror knows no bounce limit, only the depth.
+  qzSetRendererBounce(0);
   build(0.5f);
+  const int radiance = addAOV(0, 0x800), colour = addAOV(0, 0x1000), diffuse = addAOV(0, 0x28);
   render();
-  for (int p = 0; p < pixelCount(); ++p) expectColorNear(pixel(0, p), {1, 2, 3}, 1e-5f);
+  for (int p = 0; p < pixelCount(); ++p) {
+    expectColorNear(pixel(0, p), {1, 2, 3}, 1e-5f);
+    expectColorNear(pixel(radiance, p), {1, 2, 3}, 1e-5f);
+    expectColorNear(pixel(colour, p), white, 1e-6f);
+    expectColorNear(pixel(diffuse, p), black, 0);
+  }
 }
 
 TEST_F(MirrorTest, GlassIndexReflectsSchlicksShare) {

@@ -2,7 +2,6 @@
 // the first bounce, the depth limit and the stacks that hold it, a fibre's
 // diffuse lobe, and the jitter probe.
 #include <gtest/gtest.h>
-
 #include <omp.h>
 #include <pthread.h>
 
@@ -11,10 +10,10 @@
 #include "accel/fill.h"
 #include "shading/jitter_diffuse.h"
 #include "shading/shader.h"
+#include "tests/path_fixture.h"
 #include "transport/child_ray.h"
 #include "transport/path.h"
 #include "transport/thread_stack.h"
-#include "tests/path_fixture.h"
 
 namespace {
 // A ray that has hit something and carries a history to copy.

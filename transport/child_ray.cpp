@@ -44,8 +44,8 @@ Ray childRay(const Ray& parent, const Surface& surface, uint8_t event, uint32_t 
   child.hit.event = event;
   child.hit.transmissions = parent.hit.transmissions;
 
-  const bool transmission = event == diffuseTransmissionEvent || event == glossyTransmissionEvent ||
-                            event == specularTransmissionEvent;
+  const bool transmission =
+      event == diffuseTransmissionEvent || event == glossyTransmissionEvent || event == specularTransmissionEvent;
   if (transmission) ++child.hit.transmissions;
   switch (event) {
     case diffuseReflectionEvent:

@@ -1,16 +1,10 @@
 // The diffuse lobes: cosine-weighted children above or below the surface,
 // from the hit itself or, with jitter, from a nearby point of the same shader.
-#include "shading/jitter_diffuse.h"
 #include "shading/sampling_shapes.h"
 #include "transport/child_ray.h"
 #include "transport/path.h"
 
 namespace {
-// Jitter retries until a probe finds the shader again. A shader whose
-// surfaces a probe cannot find (particles, or a zero radius) would retry for
-// ever; past this many tries the sample is given up instead.
-constexpr int jitterTries = 64;
-
 // The mean radiance of one diffuse lobe's children, each started with throughput C.
 Color3f diffuseLobe(const Ray& ray, const Surface& surface, Color3f C, int lobe) {
   const LobeSamples samples = lobeSamples(ray, C);
@@ -23,9 +17,8 @@ Color3f diffuseLobe(const Ray& ray, const Surface& surface, Color3f C, int lobe)
     Hit jitteredHit;
     Color3f W = white;
     if (jitter) {
-      int tries = 0;
-      while (tries < jitterTries && !jitterDiffuse(ray, surface, jittered, jitteredHit, W)) ++tries;
-      if (tries == jitterTries) continue;
+      // Retried until a probe finds the shader again; a shader that probes never find gives the sample up.
+      if (!findJitteredSurface(ray, surface, jittered, jitteredHit, W)) continue;
       from = &jittered;
     }
     Vec3f d;

@@ -24,7 +24,8 @@ uint8_t answeredByPatches(const Ray& ray) {
   if (ray.diffuse_bounces >= renderer.bounce) return 1;
   if (ray.diffuse_bounces == 0 || !(renderer.resolution < 2 * pi * ray.t * ray.t / float(renderer.sample))) return 0;
   const Mesh& mesh = ray.hit.object->mesh;
-  const float area = kind == kindTriangle ? triangleArea(mesh, ray.hit.primitive) : tetragonArea(mesh, ray.hit.primitive);
+  const float area =
+      kind == kindTriangle ? triangleArea(mesh, ray.hit.primitive) : tetragonArea(mesh, ray.hit.primitive);
   return area > renderer.resolution;
 }
 
@@ -83,6 +84,6 @@ void tracePath(Color3f& L, Ray& ray) {
   shadeEmission(lobes, ray, shader, surface);
   if (isFirstSegment(ray)) writeFirstHit(ray, surface, lobes);
 
-  L = lobes.diffuse[0] + lobes.diffuse[1] + lobes.glossy[0] + lobes.glossy[1] + lobes.specular[0] +
-      lobes.specular[1] + lobes.emission + lobes.volume;
+  L = lobes.diffuse[0] + lobes.diffuse[1] + lobes.glossy[0] + lobes.glossy[1] + lobes.specular[0] + lobes.specular[1] +
+      lobes.emission + lobes.volume;
 }
