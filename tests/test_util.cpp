@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <iostream>
+#include <vector>
 
 #include <unistd.h>
 
@@ -17,11 +18,23 @@ std::string captureOutput(const std::function<void()>& body) {
   return testing::internal::GetCapturedStdout();
 }
 
+namespace {
+// Folders made by this process, removed when it ends so /tmp does not fill up.
+struct ScratchFolders {
+  std::vector<std::filesystem::path> paths;
+  ~ScratchFolders() {
+    std::error_code error;
+    for (const auto& path : paths) std::filesystem::remove_all(path, error);
+  }
+} scratchFolders;
+}  // namespace
+
 std::string scratchFolder(const std::string& name) {
   // The process id keeps parallel test runs out of each other's folders.
   auto path = std::filesystem::temp_directory_path() / ("quazel-test-" + std::to_string(getpid()) + "-" + name);
   std::filesystem::remove_all(path);
   std::filesystem::create_directories(path);
+  scratchFolders.paths.push_back(path);
   return path.string();
 }
 
