@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "shading/hair_scattering.h"
 #include "shading/surface_setup.h"
 
 namespace {
@@ -205,7 +206,7 @@ void fillParticle(const ParticleSet& set, const Ray& ray, const Shader& shader, 
   setupSurface(shader, ray, surface);
 }
 
-void fillCylinder(const CylinderSet& set, const Ray& ray, const Shader&, Surface& surface) {
+void fillCylinder(const CylinderSet& set, const Ray& ray, const Shader& shader, Surface& surface) {
   const float h = 2 * uniformRandom() - 1;
   beginFill(ray, surface);
   const uint32_t a = set.indices[ray.hit.primitive].first, b = a + 1;
@@ -226,6 +227,7 @@ void fillCylinder(const CylinderSet& set, const Ray& ray, const Shader&, Surface
   // A random turn about the axis stands for where across the round fibre the ray landed.
   surface.normal = surface.geometric_normal = h * surface.bitangent + std::sqrt(1 - h * h) * across;
   surface.bitangent = cross(surface.normal, surface.tangent);
+  evaluateHairSurface(shader, surface);
 }
 
 void fillSurface(const Ray& ray, const Shader& shader, Surface& surface) {

@@ -193,13 +193,13 @@ uint32_t readMaterial(const char* line) {
   return uint32_t(findOrAddShader(second));
 }
 
+}  // namespace
+
 FILE* openInSearchFolders(const std::string& name) {
   for (const std::string& folder : geometrySearchPaths)
-    if (FILE* file = std::fopen((folder.empty() ? name : folder + "/" + name).c_str(), "r")) return file;
-  return std::fopen(name.c_str(), "r");
+    if (FILE* file = std::fopen((folder.empty() ? name : folder + "/" + name).c_str(), "rb")) return file;
+  return std::fopen(name.c_str(), "rb");
 }
-
-}  // namespace
 
 ObjReader readerFor(Object& object) {
   ObjReader reader;

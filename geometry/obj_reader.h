@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,9 @@ struct ObjReader {
 };
 
 ObjReader readerFor(Object& object);
+// The first of the geometry search folders that holds the file, then the name
+// as it stands; null when none does. Geometry files are opened in binary mode.
+FILE* openInSearchFolders(const std::string& name);
 void clearReaderArrays(ObjReader& reader);
 void readObjFile(ObjReader& reader, const std::string& path);
 

@@ -1,6 +1,7 @@
 #include "geometry/object_block.h"
 
 #include "frame/scene_file.h"
+#include "geometry/hair_reader.h"
 #include "geometry/obj_reader.h"
 #include "shading/shader.h"
 
@@ -49,6 +50,14 @@ void readObjectBlock(Object& object, std::istream& file) {
       readQuotedString(line);
       clearReaderArrays(reader);
       object.particles.shader = currentShader;
+    } else if (line.key == "hair") {
+      readHairFile(object.cylinders, readQuotedString(line));
+      clearReaderArrays(reader);
+      object.cylinders.shader = currentShader;
+    } else if (line.key == "fur") {
+      readFurFile(object.cylinders, readQuotedString(line));
+      clearReaderArrays(reader);
+      object.cylinders.shader = currentShader;
     } else if (line.key == "obj") {
       readObjFile(reader, readQuotedString(line));
       clearReaderArrays(reader);

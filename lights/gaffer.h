@@ -46,3 +46,6 @@ float spotFactor(const PointLight& light, Vec3f d);
 // Direct light of one light at a hit, added to the integrator's lobes and the light's AOVs.
 void shadeSurface(PointLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface);
 void shadeSurface(ParallelLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface);
+// The same at a hit on a fibre: its diffuse and glossy lobes only.
+void shadeFibre(PointLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface);
+void shadeFibre(ParallelLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface);

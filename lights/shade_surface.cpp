@@ -4,6 +4,7 @@
 
 #include "frame/renderer.h"
 #include "lights/gaffer.h"
+#include "shading/hair_scattering.h"
 #include "shading/microfacet.h"
 
 namespace {
@@ -71,18 +72,39 @@ void addLightSample(const AnyLight& light, const Ray& ray, const Surface& surfac
   accumulators[3] += 4 * pi * L * gt;
 }
 
+// The same for a fibre: its diffuse cylinder and its three glossy lobes,
+// with no terminator and no side, since a fibre is lit from all around.
+template <class AnyLight>
+void addFibreSample(const AnyLight& light, const Ray& ray, const Surface& surface, uint32_t index, float weight,
+                    Color3f accumulators[4]) {
+  LightSample sample;
+  if (!sampleLight(light, surface, {index, ray.cursor.dimension, ray.cursor.scramble}, sample)) return;
+  const Vec3f l = sample.l;
+  const ShaderHair& hair = hairOfShader(ray.hit.shader);
+  const float d = surface.diffuse_on[0] ? pi * hairDiffuse(surface.view, l, surface.tangent) : 0;
+  const Color3f g =
+      surface.glossy_on[0] ? pi * evalHairGlossy(hair, surface.view, l, surface.tangent, surface.hair_h) : black;
+  if (!(d > 0 || g.r > 0 || g.g > 0 || g.b > 0)) return;
+  const Color3f T = shadowTransmittance(ray, ray.hit, surface.position, l, sample.distance);
+  if (!isOn(T)) return;
+  const Color3f L = sample.s * T * light.color * weight;
+  accumulators[0] += L * d;
+  accumulators[2] += L * g;
+}
+
 // One sample on later bounces and for small lights seen from a first hit
 // without jitter; a share of the light's `sample` per pass otherwise.
 template <class AnyLight>
-void shadeWithLight(AnyLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
+void shadeWithLight(AnyLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface, bool fibre) {
   if (!linkAllows(light.link, ray.hit.shader)) return;
-  const bool jitter = jitterInForce(ray, surface);
+  const bool jitter = !fibre && jitterInForce(ray, surface);
   Surface working = surface;
   Hit leaving = ray.hit;
   Color3f accumulators[4];
   // Jitter takes a new nearby point for every sample and leaves from there.
   auto sampleOnce = [&](uint32_t index, float weight) {
     Color3f jitterWeight = white;
+    if (fibre) return addFibreSample(light, ray, surface, index, weight, accumulators);
     if (jitter && !findJitteredSurface(ray, surface, working, leaving, jitterWeight)) return;
     addLightSample(light, ray, working, leaving, index, weight, jitterWeight, accumulators);
   };
@@ -101,9 +123,17 @@ void shadeWithLight(AnyLight& light, LobeRadiance& lobes, const Ray& ray, const 
 }  // namespace
 
 void shadeSurface(PointLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
-  shadeWithLight(light, lobes, ray, surface);
+  shadeWithLight(light, lobes, ray, surface, false);
 }
 
 void shadeSurface(ParallelLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
-  shadeWithLight(light, lobes, ray, surface);
+  shadeWithLight(light, lobes, ray, surface, false);
+}
+
+void shadeFibre(PointLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
+  shadeWithLight(light, lobes, ray, surface, true);
+}
+
+void shadeFibre(ParallelLight& light, LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
+  shadeWithLight(light, lobes, ray, surface, true);
 }

@@ -85,5 +85,7 @@ Color3f skyRadiance(const Ray& ray);
 void shadeSky(Color3f& L, const Ray& ray);
 // Direct light of the sky at a hit, added to the lobes and the sky's AOVs.
 void shadeSkySurface(LobeRadiance& lobes, const Ray& ray, const Surface& surface);
+// The same at a hit on a fibre, with its diffuse cylinder and glossy lobes.
+void shadeSkyFibre(LobeRadiance& lobes, const Ray& ray, const Surface& surface);
 // Fills `ray` for sky photon `index`.
 void emitSkyPhoton(Ray& ray, uint64_t index);

@@ -1,8 +1,10 @@
 // The sky as seen: by rays that leave the scene, and as direct light at a hit,
 // the two joined by the balance heuristic.
+#include "accel/bbvh.h"
 #include "frame/renderer.h"
 #include "lights/sky.h"
 #include "output/camera.h"
+#include "shading/hair_scattering.h"
 #include "shading/microfacet.h"
 
 namespace {
@@ -21,6 +23,7 @@ Color3f backdropColor(const Ray& ray) {
 // Density of the lobe that made an escaped ray, in the measure of the sky's weights.
 float lobeDensity(const Ray& ray) {
   const Surface& parent = *ray.parent;
+  if (ray.prev_kind == kindCylinder) return fibreDensity(parent, ray.prev_shader, ray.hit.event, ray.direction);
   switch (ray.hit.event) {
     case diffuseReflectionEvent: return dot(ray.direction, parent.normal) / pi;
     case diffuseTransmissionEvent: return -dot(ray.direction, parent.normal) / pi;
@@ -28,8 +31,27 @@ float lobeDensity(const Ray& ray) {
   }
 }
 
+// One sky sample at a fibre: its diffuse cylinder and its glossy lobes, each
+// weighted against its own density.
+void addFibreSkySample(const Ray& ray, const Surface& surface, Vec3f l, Color3f L, float ps, bool firstBounce,
+                       Color3f accumulators[4]) {
+  const ShaderHair& hair = hairOfShader(ray.hit.shader);
+  const float Ns = float(sky.sample), Nb = float(renderer.sky_light_sample);
+  auto weightOf = [&](float pb) { return firstBounce ? Ns / (Nb * pb + Ns * ps) : 1 / (pb + ps); };
+  if (surface.diffuse_on[0]) {
+    const float d = hairDiffuse(surface.view, l, surface.tangent);
+    accumulators[0] += L * (weightOf(d) * d);
+  }
+  if (surface.glossy_on[0]) {
+    Color3f colours[3];
+    float densities[3];
+    evalHairLobes(hair, surface.view, l, surface.tangent, surface.hair_h, colours, densities);
+    for (int p = 0; p < 3; ++p) accumulators[2] += L * colours[p] * weightOf(densities[p]);
+  }
+}
+
 // One sky sample at a hit, added to the four accumulators.
-void addSkySample(const Ray& ray, const Surface& surface, uint32_t index, float weight, bool firstBounce,
+void addSkySample(const Ray& ray, const Surface& surface, uint32_t index, float weight, bool firstBounce, bool fibre,
                   Color3f accumulators[4]) {
   float u1, u2, p;
   int face, a, b;
@@ -38,6 +60,15 @@ void addSkySample(const Ray& ray, const Surface& surface, uint32_t index, float 
   // Only an all-black image gives a cell of no probability; it has nothing to give.
   if (!(p > 0)) return;
   const Vec3f l = skyCellDirection(face, float(a), float(b));
+  const float ps = p * float(skyCellCount) / (4 * pi);
+  // A fibre has no sides: light from every direction reaches it.
+  if (fibre) {
+    if (!surface.diffuse_on[0] && !surface.glossy_on[0]) return;
+    const Color3f T = shadowTransmittance(ray, ray.hit, surface.position, l, infinity);
+    if (isOn(T)) addFibreSkySample(ray, surface, l, sky.cells[skyCellIndex(face, a, b)] * sky.color * T * weight, ps,
+                                   firstBounce, accumulators);
+    return;
+  }
   const float c = dot(l, surface.normal), cg = dot(l, surface.geometric_normal);
   const bool front = (surface.diffuse_on[0] || surface.glossy_on[0]) && c > 0 && cg > 0;
   const bool back = (surface.diffuse_on[1] || surface.glossy_on[1]) && c < 0 && cg < 0;
@@ -45,7 +76,6 @@ void addSkySample(const Ray& ray, const Surface& surface, uint32_t index, float 
   const Color3f T = shadowTransmittance(ray, ray.hit, surface.position, l, infinity);
   if (!isOn(T)) return;
   const Color3f L = sky.cells[skyCellIndex(face, a, b)] * sky.color * T * weight;
-  const float ps = p * float(skyCellCount) / (4 * pi);
   const float Ns = float(sky.sample), Nb = float(renderer.sky_light_sample);
   auto add = [&](Color3f& accumulator, float f, float pb) {
     const float w = firstBounce ? Ns / (Nb * pb + Ns * ps) : 1 / (pb + ps);
@@ -96,7 +126,8 @@ void shadeSky(Color3f& L, const Ray& ray) {
   addToLightAOVs(sky.aovs, lightAOVBits(ray), L, ray);
 }
 
-void shadeSkySurface(LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
+namespace {
+void shadeWithSky(LobeRadiance& lobes, const Ray& ray, const Surface& surface, bool fibre) {
   if (sky.sample <= 0 || sky.cells.empty()) return;
   if (!linkAllows(sky.link, ray.hit.shader)) return;
   Color3f accumulators[4];
@@ -105,11 +136,21 @@ void shadeSkySurface(LobeRadiance& lobes, const Ray& ray, const Surface& surface
     const int N = firstBounceSampleCount(surface, ray, sky.sample);
     const int P = passCount();
     const float weight = float(P) / float(N);
-    for (int i = renderer.pass; i < N; i += P) addSkySample(ray, surface, uint32_t(i), weight, true, accumulators);
+    for (int i = renderer.pass; i < N; i += P)
+      addSkySample(ray, surface, uint32_t(i), weight, true, fibre, accumulators);
   } else if (bounce < uint32_t(renderer.bounce)) {
-    addSkySample(ray, surface, ray.cursor.index, 1, false, accumulators);
+    addSkySample(ray, surface, ray.cursor.index, 1, false, fibre, accumulators);
   } else {
     return;
   }
   finishDirectLight(accumulators, surface, lobes, sky.aovs, ray);
+}
+}  // namespace
+
+void shadeSkySurface(LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
+  shadeWithSky(lobes, ray, surface, false);
+}
+
+void shadeSkyFibre(LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
+  shadeWithSky(lobes, ray, surface, true);
 }

@@ -21,3 +21,5 @@ void shadeGlossy(LobeRadiance& lobes, const Ray& ray, const Shader& shader, cons
 void shadeSpecular(LobeRadiance& lobes, const Ray& ray, const Shader& shader, const Surface& surface);
 // The diffuse lobe of a fibre: no side test, and it marks the surface's `hair_lobe`.
 void shadeHairLambertian(LobeRadiance& lobes, const Ray& ray, Surface& surface);
+// The glossy lobes of a fibre, R, TT and TRT; each child's lobe is left in `hair_lobe`.
+void shadeHairGlossy(LobeRadiance& lobes, const Ray& ray, const Shader& shader, Surface& surface);

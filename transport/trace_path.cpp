@@ -36,6 +36,12 @@ void gatherDirectLight(LobeRadiance& lobes, const Ray& ray, const Surface& surfa
   for (ParallelLight& light : parallelLights) shadeSurface(light, lobes, ray, surface);
 }
 
+void gatherFibreLight(LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
+  shadeSkyFibre(lobes, ray, surface);
+  for (PointLight& light : pointLights) shadeFibre(light, lobes, ray, surface);
+  for (ParallelLight& light : parallelLights) shadeFibre(light, lobes, ray, surface);
+}
+
 void writeFirstHit(const Ray& ray, const Surface& s, const LobeRadiance& lobes) {
   const HitTerms terms{s.normal,
                        s.tangent,
@@ -70,10 +76,10 @@ void tracePath(Color3f& L, Ray& ray) {
 
   if (!surface.cheap_query) {
     const bool fibre = ray.hit.kind == kindCylinder;
-    // Fibres take their direct light and glossy lobe from the hair model.
-    if (belowBounceLimit(ray) && !fibre) gatherDirectLight(lobes, ray, surface);
+    if (belowBounceLimit(ray)) (fibre ? gatherFibreLight : gatherDirectLight)(lobes, ray, surface);
     if (fibre) {
       if (surface.diffuse_on[0] || surface.diffuse_on[1]) shadeHairLambertian(lobes, ray, surface);
+      if (surface.glossy_on[0] || surface.glossy_on[1]) shadeHairGlossy(lobes, ray, shader, surface);
     } else {
       if (surface.diffuse_on[0] || surface.diffuse_on[1]) shadeLambertian(lobes, ray, surface);
       if (surface.glossy_on[0] || surface.glossy_on[1]) shadeGlossy(lobes, ray, shader, surface);
