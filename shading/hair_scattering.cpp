@@ -197,44 +197,58 @@ Frame hairFrame(Vec3f axis, Vec3f view) {
   return frame;
 }
 
-int sampleHair(const ShaderHair& hair, Vec3f& direction, Color3f& weight, float theta_o, const Frame& frame,
-               const Surface& surface) {
-  const float u0 = uniformRandom(), u1 = uniformRandom(), u2 = uniformRandom(), uc = uniformRandom();
+HairCandidates hairCandidates(const ShaderHair& hair, float u0, float u1, float uc, float theta_o, const Frame& frame,
+                              const Surface& surface) {
+  HairCandidates out;
   const Vec3f axis = frame.tangent;
-  Vec3f candidates[3];
-  Color3f A[3];
-  float w[3], total = 0;
+  const float x = pi / 2 - theta_o;
   for (int p = 0; p < 3; ++p) {
     const float c = clampUnit(sampleHairLongitudinal(hair, p, uc));
-    const float x = pi / 2 - theta_o;
     const float sin_i =
         clampUnit(std::sin(x) * std::cos(2 * pi * u0) * std::sqrt(std::max(0.0f, 1 - c * c)) + std::cos(x) * c);
     const float cos_i = cosineOf(sin_i);
-    // theta d and gamma t of this candidate, then its azimuth about the lobe's shift.
-    FibreAngles f = fibreAngles(hair, surface.view, sin_i * axis + cos_i * frame.bitangent, axis, surface.hair_h);
+    // theta d and gamma t depend on the inclination alone; then the azimuth about the lobe's shift.
+    const FibreAngles f =
+        fibreAngles(hair, surface.view, sin_i * axis + cos_i * frame.bitangent, axis, surface.hair_h);
     const float phi = lobeShift(f, p) + sampleHairAzimuth(hair, p, u1);
-    candidates[p] = sin_i * axis + cos_i * (std::cos(phi) * frame.bitangent + std::sin(phi) * frame.normal);
+    out.direction[p] = sin_i * axis + cos_i * (std::cos(phi) * frame.bitangent + std::sin(phi) * frame.normal);
     if (p == 0) {
-      const float F = halfAngleFresnel(hair, surface.view, candidates[p]);
-      A[p] = {F, F, F};
+      const float F = halfAngleFresnel(hair, surface.view, out.direction[p]);
+      out.A[p] = {F, F, F};
     } else {
-      A[p] = attenuation(hair, f, p);
+      out.A[p] = attenuation(hair, f, p);
     }
-    w[p] = (A[p].r + A[p].g + A[p].b) / 3;
+  }
+  return out;
+}
+
+int chooseHairLobe(const HairCandidates& candidates, float u2, Color3f& weight) {
+  float w[3], total = 0;
+  for (int p = 0; p < 3; ++p) {
+    const Color3f& A = candidates.A[p];
+    w[p] = (A.r + A.g + A.b) / 3;
     total += w[p];
   }
+  weight = black;
+  if (!(total > 0)) return 2;
   int chosen = 2;
-  float probability = total > 0 ? w[2] / total : 0;
-  float u = u2;
   for (int p = 0; p < 2; ++p) {
-    const float share = total > 0 ? w[p] / total : 0;
-    if (u < share) {
-      chosen = p, probability = share;
+    if (u2 < w[p] / total) {
+      chosen = p;
       break;
     }
-    u -= share;
+    u2 -= w[p] / total;
   }
-  direction = candidates[chosen];
-  weight = probability > 0 ? A[chosen] / probability : black;
+  // Rounding may walk past the last lobe with a share; one without has no weight.
+  if (w[chosen] > 0) weight = candidates.A[chosen] * (total / w[chosen]);
   return chosen;
+}
+
+int sampleHair(const ShaderHair& hair, Vec3f& direction, Color3f& weight, float theta_o, const Frame& frame,
+               const Surface& surface) {
+  const float u0 = uniformRandom(), u1 = uniformRandom(), uc = uniformRandom(), u2 = uniformRandom();
+  const HairCandidates candidates = hairCandidates(hair, u0, u1, uc, theta_o, frame, surface);
+  const int lobe = chooseHairLobe(candidates, u2, weight);
+  direction = candidates.direction[lobe];
+  return lobe;
 }

@@ -69,9 +69,20 @@ float sampleHairAzimuth(const ShaderHair& hair, int p, float u);
 // The hair frame: `tangent` the axis, `bitangent` the view projected across
 // the fibre, `normal` the axis crossed with it.
 Frame hairFrame(Vec3f axis, Vec3f view);
-// One direction from the glossy lobes with hardware random numbers: a
-// candidate per lobe, one chosen by the mean of its attenuation, the weight
-// that attenuation over the chance of the choice. theta o is the view's
-// inclination from the plane across the fibre. Returns the lobe chosen.
+// One candidate direction for each glossy lobe from three numbers in [0, 1]:
+// u0 turns about the lobe's cone, u1 gives the azimuth, uc the cone's width;
+// with the attenuation each would carry. theta o is the inclination, from the
+// plane across the fibre, of the centre of the lobes' cones: minus the view's,
+// where the longitudinal function peaks, makes the sampler follow `evalHairLobes`.
+struct HairCandidates {
+  Vec3f direction[3];
+  Color3f A[3];  // R: Schlick at the half angle, grey; TT and TRT: `attenuation`
+};
+HairCandidates hairCandidates(const ShaderHair& hair, float u0, float u1, float uc, float theta_o, const Frame& frame,
+                              const Surface& surface);
+// Picks lobe p with the chance of its mean attenuation among the three, by
+// walking u2 down; the weight is its attenuation over that chance.
+int chooseHairLobe(const HairCandidates& candidates, float u2, Color3f& weight);
+// Both, with hardware random numbers. Returns the lobe chosen.
 int sampleHair(const ShaderHair& hair, Vec3f& direction, Color3f& weight, float theta_o, const Frame& frame,
                const Surface& surface);

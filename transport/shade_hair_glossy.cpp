@@ -11,7 +11,8 @@ void shadeHairGlossy(LobeRadiance& lobes, const Ray& ray, const Shader& shader, 
   // The first bounce always takes its share; later ones only below the bounce limit.
   if (bounceIndex(ray) != 0 && !belowBounceLimit(ray)) return;
   const Frame frame = hairFrame(surface.tangent, surface.view);
-  const float thetaO = std::asin(std::fmax(-1.0f, std::fmin(1.0f, dot(surface.view, surface.tangent))));
+  // The lobes leave about the mirror of the view's inclination.
+  const float thetaO = -std::asin(std::fmax(-1.0f, std::fmin(1.0f, dot(surface.view, surface.tangent))));
   const LobeSamples samples = lobeSamples(ray, ray.throughput);
   Color3f sum;
   for (uint32_t i = samples.first; i < samples.end; i += samples.step) {
