@@ -2,6 +2,7 @@
 // that the scene did not mean, with the geometry each one is built to have.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "geometry/object.h"
@@ -81,4 +82,18 @@ TEST_F(ExampleScenes, MaterialsDisplaceOneSphere) {
     coated += instance.overrides == std::map<int32_t, int32_t>{{findOrAddShader("glass"), findOrAddShader("coat")}};
   EXPECT_EQ(coated, 1);
   EXPECT_GT(sceneMin.y, -1e-3f);
+}
+
+TEST_F(ExampleScenes, FurBallGrowsFromItsCore) {
+  expectQuiet(assemble("hair"));
+  const Object& ball = named("furball");
+  // 20000 strands of seven segments, their roots on the unit sphere of the core.
+  EXPECT_EQ(ball.cylinders.indices.size(), 140000u);
+  EXPECT_EQ(ball.cylinders.worldPositions.size(), 160000u);
+  uint32_t strands = 0;
+  for (const Cylinder& c : ball.cylinders.indices) strands = std::max(strands, c.strand + 1);
+  EXPECT_EQ(strands, 20000u);
+  EXPECT_EQ(shaders[size_t(ball.cylinders.shader)].name, "fur");
+  EXPECT_TRUE(shaders[size_t(ball.cylinders.shader)].used_by_hair);
+  for (uint32_t v : {0u, 8u, 159992u}) EXPECT_NEAR(length(ball.cylinders.worldPositions[v]), 1, 1e-5f);
 }
