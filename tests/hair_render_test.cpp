@@ -3,6 +3,8 @@
 // a constant sky, diffuse and glossy.
 #include <gtest/gtest.h>
 
+#include "lights/sky.h"
+#include "shading/image.h"
 #include "shading/shader.h"
 #include "tests/path_fixture.h"
 
@@ -88,5 +90,31 @@ TEST_F(FibreRender, FurnaceOfAGlossyFibre) {
   for (int c = 0; c < 3; ++c) {
     EXPECT_GT(mean[c], 0.98f * expected[c]);
     EXPECT_LT(mean[c], 1.005f * expected[c]);
+  }
+}
+
+TEST_F(FibreRender, SkySampledAndBouncesWeighed) {
+  // A uniform sky image turns the sky's own sampling on: its samples and the
+  // fibre's bounces then share the light by the balance heuristic, each with
+  // the density of its own lobe. The bounces do not draw by exactly those
+  // densities (the diffuse one draws by the cosine about the turned normal),
+  // so the sum need not be the furnace's; measured, it stays within 0.5 % of
+  // it over runs, diffuse and glossy, and 2 % is four times that.
+  Image image;
+  allocateImage(image, 4, 2, 3, 32, 0);
+  for (int p = 0; p < 8; ++p) writePixel(image, {0.5f, 0.75f, 1}, p);
+  image.name = scratchFolder("fibre-sky") + "/sky.pfm";
+  saveImage(image);
+  const Color3f expected = 0.8f * Color3f{0.5f, 0.75f, 1};
+  for (int channel : {diffuseChannel, glossyChannel}) {
+    TearDown();
+    SetUp();
+    qzSetSkyLightImage(image.name.c_str());
+    qzSetSkyLightColor(1, 1, 1);
+    build(fibreShader(channel, {0.8f, 0.8f, 0.8f}), 4);
+    render();
+    ASSERT_EQ(sky.sample, 64);
+    const Color3f mean = fibreMean();
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(mean[c] / expected[c], 1, 0.02) << channel;
   }
 }
