@@ -193,6 +193,25 @@ TEST(HairModel, SamplerFollowsTheEvaluator) {
     }
 }
 
+TEST(HairModel, AnglesAtTheEdgeOfTheFibre) {
+  // Grazing the edge, h = 1: gamma o is pi / 2 and R leaves at -pi, straight
+  // back across; beyond the edge h is held to 1. Across the middle nothing shifts R.
+  const Shader shader = fibreShader(0.3f);
+  const Vec3f l = normalize(Vec3f{-1, 0.2f, 0.3f});
+  for (float h : {1.0f, 1.5f}) {
+    const FibreAngles f = fibreAngles(shader.hair, viewAt(0.4f), l, axis, h);
+    EXPECT_FLOAT_EQ(f.gamma_o, float(pi / 2));
+    EXPECT_FLOAT_EQ(lobeShift(f, 0), float(-pi));
+    EXPECT_GT(f.gamma_t, 0);
+    EXPECT_LT(f.gamma_t, float(pi / 2));
+  }
+  const FibreAngles middle = fibreAngles(shader.hair, viewAt(0.4f), l, axis, 0);
+  EXPECT_EQ(lobeShift(middle, 0), 0.0f);
+  EXPECT_FLOAT_EQ(lobeShift(middle, 1), float(pi));
+  // theta d is half the difference of the angles to the axis.
+  EXPECT_NEAR(middle.cos_d, std::cos(0.5 * (std::acos(l.z) - std::acos(std::sin(0.4)))), 1e-6);
+}
+
 TEST(HairModel, TheChoiceOfLobeWeighsByAttenuation) {
   HairCandidates k;
   k.A[0] = {0.1f, 0.1f, 0.1f};
