@@ -125,6 +125,28 @@ TEST_F(HairReaderTest, EveryFailurePrintsItsLineAndAddsNothing) {
   EXPECT_EQ(firsts(set), (std::vector<uint32_t>{0}));
 }
 
+TEST_F(HairReaderTest, EveryTruncationFailsWithTheArrayItCuts) {
+  HairBytes file;
+  file.strands = 2, file.points = 3, file.flags = 1 | 2 | 4 | 8 | 16;
+  file.segmentArray = {1, 0};
+  file.pointArray = pointsAlongX(3);
+  file.thicknessArray = {1, 1, 1};
+  file.transparencyArray = {0, 0, 0};
+  file.colorArray = std::vector<float>(9, 1);
+  const std::string whole = file.bytes();
+  // Where each array ends: header, segments, points, thickness, transparency, colour.
+  const size_t ends[] = {128, 132, 168, 180, 192, 228};
+  ASSERT_EQ(whole.size(), ends[5]);
+  for (size_t size = 0; size <= whole.size(); ++size) {
+    read(write("cut.hair", whole.substr(0, size)));
+    int64_t expected = 2;
+    for (int a = 5; a >= 0; --a)
+      if (size < ends[a]) expected = a == 0 ? -2 : -3 - a;
+    EXPECT_EQ(code, expected) << size;
+  }
+  EXPECT_EQ(firsts(set), (std::vector<uint32_t>{0}));
+}
+
 TEST_F(HairReaderTest, HeadersClaimingMoreThanTheFileHoldsFailWithoutReading) {
   HairBytes liar;
   liar.strands = 1, liar.points = 0xFFFFFFFFu, liar.flags = 2;
