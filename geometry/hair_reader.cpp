@@ -124,7 +124,8 @@ int64_t readHairFile(CylinderSet& set, const std::string& path) {
   set.vectorChannels[0].values = hair.points;
   std::vector<float>& radius = set.scalarChannels[0].values;
   radius.resize(n);
-  for (size_t i = 0; i < n; ++i) radius[i] = 0.5f * (hair.thickness.empty() ? hair.default_thickness : hair.thickness[i]);
+  for (size_t i = 0; i < n; ++i)
+    radius[i] = 0.5f * (hair.thickness.empty() ? hair.default_thickness : hair.thickness[i]);
   // A placeholder until the hair takes the uv of the surface it grows from.
   std::vector<FloatPair>& uv = set.pairChannels[0].values;
   uv.resize(n);

@@ -65,8 +65,9 @@ void addSkySample(const Ray& ray, const Surface& surface, uint32_t index, float 
   if (fibre) {
     if (!surface.diffuse_on[0] && !surface.glossy_on[0]) return;
     const Color3f T = shadowTransmittance(ray, ray.hit, surface.position, l, infinity);
-    if (isOn(T)) addFibreSkySample(ray, surface, l, sky.cells[skyCellIndex(face, a, b)] * sky.color * T * weight, ps,
-                                   firstBounce, accumulators);
+    if (isOn(T))
+      addFibreSkySample(ray, surface, l, sky.cells[skyCellIndex(face, a, b)] * sky.color * T * weight, ps, firstBounce,
+                        accumulators);
     return;
   }
   const float c = dot(l, surface.normal), cg = dot(l, surface.geometric_normal);

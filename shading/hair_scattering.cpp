@@ -83,7 +83,8 @@ double besselI0(double x) {
           y * (0.01328592 +
                y * (0.00225319 +
                     y * (-0.00157565 +
-                         y * (0.00916281 + y * (-0.02057706 + y * (0.02635537 + y * (-0.01647633 + y * 0.00392377))))))));
+                         y * (0.00916281 +
+                              y * (-0.02057706 + y * (0.02635537 + y * (-0.01647633 + y * 0.00392377))))))));
 }
 
 float longitudinalMp(const ShaderHair& hair, int p, float a, float b) {
@@ -92,8 +93,7 @@ float longitudinalMp(const ShaderHair& hair, int p, float a, float b) {
   if (v >= 0.2f) return float(besselI0(a)) * std::exp(b) * hair.normalizer[p];
   // Small variances: the product of huge and tiny factors, added as logarithms.
   const float logI0 =
-      a <= 12 ? guardedLog(float(besselI0(a)))
-              : a + 0.5f * (-guardedLog(2 * pi) + guardedLog(1 / a) + 1 / (8 * a));
+      a <= 12 ? guardedLog(float(besselI0(a))) : a + 0.5f * (-guardedLog(2 * pi) + guardedLog(1 / a) + 1 / (8 * a));
   return std::exp(logI0 + b - 1 / v + 0.6931472f + guardedLog(1 / (2 * v)));
 }
 
@@ -208,8 +208,7 @@ HairCandidates hairCandidates(const ShaderHair& hair, float u0, float u1, float 
         clampUnit(std::sin(x) * std::cos(2 * pi * u0) * std::sqrt(std::max(0.0f, 1 - c * c)) + std::cos(x) * c);
     const float cos_i = cosineOf(sin_i);
     // theta d and gamma t depend on the inclination alone; then the azimuth about the lobe's shift.
-    const FibreAngles f =
-        fibreAngles(hair, surface.view, sin_i * axis + cos_i * frame.bitangent, axis, surface.hair_h);
+    const FibreAngles f = fibreAngles(hair, surface.view, sin_i * axis + cos_i * frame.bitangent, axis, surface.hair_h);
     const float phi = lobeShift(f, p) + sampleHairAzimuth(hair, p, u1);
     out.direction[p] = sin_i * axis + cos_i * (std::cos(phi) * frame.bitangent + std::sin(phi) * frame.normal);
     if (p == 0) {

@@ -223,8 +223,9 @@ TEST_F(HairReaderTest, FurText) {
 TEST_F(HairReaderTest, FurSizesThatLie) {
   // A negative size adds no cylinder and moves the next strand back; a huge
   // one runs past the points, which end its cylinders; neither reads outside.
-  readFur("segment -2\nsegment 2\nsegment 4000000000\nsegment 99999999999999999999\nsegment 1\n"
-          "position 0 0 0\nposition 1 0 0\nposition 2 0 0\nposition 3 0 0\n");
+  readFur(
+      "segment -2\nsegment 2\nsegment 4000000000\nsegment 99999999999999999999\nsegment 1\n"
+      "position 0 0 0\nposition 1 0 0\nposition 2 0 0\nposition 3 0 0\n");
   // -2 moves the start to -1; the strand of 2 then covers vertices -1 to 1,
   // of which only the cylinder from 0 exists; the next starts at 2 and runs out at 3.
   EXPECT_EQ(firsts(set), (std::vector<uint32_t>{0, 2}));

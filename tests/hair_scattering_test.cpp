@@ -42,10 +42,11 @@ double sphereIntegral(F f, int n = 600) {
 }
 
 // The mean over a stratified grid of (u0, u1, uc) of each lobe's candidate
-// attenuation, the cones centred at the inclination coneTheta. The azimuth takes the finest strata: the Fresnel factor of
-// the R lobe climbs steeply in the logistic's far tails.
-void meanCandidateAttenuation(const Shader& shader, float coneTheta, float thetaO, float h, double means[3],
-                              int n = 16, int nAzimuth = 512) {
+// attenuation, the cones centred at the inclination coneTheta. The azimuth
+// takes the finest strata: the R lobe's Fresnel factor climbs steeply in the
+// logistic's far tails.
+void meanCandidateAttenuation(const Shader& shader, float coneTheta, float thetaO, float h, double means[3], int n = 16,
+                              int nAzimuth = 512) {
   Surface surface;
   surface.view = viewAt(thetaO);
   surface.hair_h = h;
