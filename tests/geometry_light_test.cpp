@@ -163,12 +163,12 @@ TEST_F(GeometryLightTest, LightAloneAtTheFloorCentreMatchesTheFormFactorWithinOn
   addFloorAndLamp();
   const int passes = 4;
   addFloorCamera(passes);
-  qzSetGeometryLightSample(256);
+  qzSetGeometryLightSample(1024);
   prepareQuietly();
   // No bounce samples to share with: every light sample counts in full.
   renderer.geometry_light_sample = 0;
   std::vector<Color3f> values;
-  for (uint32_t trial = 0; trial < 64; ++trial) {
+  for (uint32_t trial = 0; trial < 128; ++trial) {
     const Ray ray = floorHit(trial * 0x9E3779B9u);
     Color3f sum;
     // The passes of one pixel together take all of its samples.
