@@ -125,8 +125,8 @@ void addBalancedSample(Color3f accumulators[4], const Surface& surface, Vec3f l,
 float bounceDensity(const Ray& ray);
 // The last step of direct lighting: the four accumulators (diffuse and glossy,
 // reflection and transmission) take their lobe colours and go to the
-// integrator and to the light's AOVs.
-// An AOV with a shader takes only what comes from `shader`; the default takes all.
+// integrator and to the light's AOVs; unless `shader` is anyShader, an AOV
+// that names a shader takes only what comes from that one.
 void finishDirectLight(Color3f accumulators[4], const Surface& surface, LobeRadiance& lobes,
                        std::vector<CameraAOV>& aovs, const Ray& ray, int shader = anyShader);
 // The common start of a photon's first segment: from no primitive, event 2,

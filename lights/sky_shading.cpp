@@ -3,7 +3,6 @@
 #include "frame/renderer.h"
 #include "lights/sky.h"
 #include "output/camera.h"
-#include "shading/microfacet.h"
 
 namespace {
 constexpr float pi = 3.14159265f;
