@@ -87,6 +87,10 @@ class GeometryLightTest : public PathTest {
   static std::string prepareQuietly() {
     return captureOutput([] { qzInitialize(); });
   }
+
+  // Direct light alone at a floor point facing up, each trial one pixel of
+  // its own scramble over all passes; the light is prepared.
+  static Estimate lightAlone(Vec3f position, int passes, uint32_t trials);
 };
 
 // A camera's first hit on the floor, facing up, with a scramble of its own.
@@ -99,15 +103,35 @@ Ray floorHit(uint32_t scramble) {
   return ray;
 }
 
-Surface floorPoint() {
+Surface floorPoint(Vec3f position) {
   Surface s;
   s.tangent = X;
   s.bitangent = -Z;
   s.normal = s.geometric_normal = s.view = Y;
+  s.position = s.smooth_position = position;
   s.cos_view = 1;
   s.diffuse[0] = {albedo, albedo, albedo};
   s.diffuse_on[0] = 1;
   return s;
+}
+
+Estimate GeometryLightTest::lightAlone(Vec3f position, int passes, uint32_t trials) {
+  // No bounce samples to share with: every light sample counts in full.
+  renderer.geometry_light_sample = 0;
+  std::vector<Color3f> values;
+  for (uint32_t trial = 0; trial < trials; ++trial) {
+    const Ray ray = floorHit(trial * 0x9E3779B9u);
+    Color3f sum;
+    for (renderer.pass = 0; renderer.pass < passes; ++renderer.pass) {
+      LobeRadiance lobes;
+      shadeGeometrySurface(lobes, ray, floorPoint(position));
+      sum += lobes.diffuse[0];
+    }
+    // Each pass gives an estimate of its own; a pixel shows their mean.
+    values.push_back(sum / float(passes));
+  }
+  renderer.pass = 0;
+  return estimateOf(values);
 }
 }  // namespace
 
@@ -165,29 +189,34 @@ TEST_F(GeometryLightTest, LightAloneAtTheFloorCentreMatchesTheFormFactorWithinOn
   addFloorCamera(passes);
   qzSetGeometryLightSample(1024);
   prepareQuietly();
-  // No bounce samples to share with: every light sample counts in full.
-  renderer.geometry_light_sample = 0;
-  std::vector<Color3f> values;
-  for (uint32_t trial = 0; trial < 128; ++trial) {
-    const Ray ray = floorHit(trial * 0x9E3779B9u);
-    Color3f sum;
-    // The passes of one pixel together take all of its samples.
-    for (renderer.pass = 0; renderer.pass < passes; ++renderer.pass) {
-      LobeRadiance lobes;
-      shadeGeometrySurface(lobes, ray, floorPoint());
-      sum += lobes.diffuse[0];
-    }
-    // Each pass gives an estimate of its own; a pixel shows their mean.
-    values.push_back(sum / float(passes));
-  }
-  renderer.pass = 0;
-  const Estimate e = estimateOf(values);
+  const Estimate e = lightAlone(zeroVector, passes, 128);
   const Color3f expected = analyticFloor();
   expectWithinNoise(e, expected);
   for (int c = 0; c < 3; ++c) {
     EXPECT_LT(4 * e.error[c], 0.01f * expected[c]);
     EXPECT_NEAR(e.mean[c], expected[c], 0.01f * expected[c]);
   }
+}
+
+TEST_F(GeometryLightTest, ALampPlacedByAnInstanceLightsWhereItIsPlaced) {
+  addQuad(addShader(diffuseChannel, {albedo, albedo, albedo}), {0, 0, 0}, 50 * Z, 50 * X);
+  const int root = object;
+  object = qzAddObject();
+  vertices = 0;
+  const int lamp = addShader(emissionChannel, lampColor);
+  qzSetShaderGeometryLight(lamp, frontSide, true);
+  addQuad(lamp, zeroVector, X, Z);
+  const float moved[16] = {1, 0, 0, 3, 0, 1, 0, 1, 0, 0, 1, 0, 0, 0, 0, 1};
+  qzSetInstance(root, qzAddInstance(root), object, moved);
+  addCamera(4, 2, {3, 0.5f, 0}, {3, 0, 0}, 1, {0, 0, -1});
+  qzSetGeometryLightSample(256);
+  prepareQuietly();
+  ASSERT_EQ(geometryLight.points.size(), size_t(geometryLightPointCount));
+  for (const GeometryLightPoint& p : geometryLight.points) {
+    ASSERT_NEAR(p.position.y, 1, 1e-5f);
+    ASSERT_NEAR(p.position.x, 3, 1 + 1e-5f);
+  }
+  expectWithinNoise(lightAlone({3, 0, 0}, 2, 64), analyticFloor());
 }
 
 TEST_F(GeometryLightTest, BouncesAloneAndBouncesWithLightSamplesAgreeWithTheAnalyticFloor) {
