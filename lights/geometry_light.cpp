@@ -2,6 +2,7 @@
 // the points drawn at preparation and their teardown.
 #include "lights/geometry_light.h"
 
+#include "frame/renderer.h"
 #include "frame/report.h"
 #include "geometry/object.h"
 #include "geometry/scene_assembly.h"
@@ -72,6 +73,8 @@ void resetGeometryLight() {
   std::vector<CameraAOV> aovs = std::move(geometryLight.aovs);
   geometryLight = GeometryLight();
   geometryLight.aovs = std::move(aovs);
+  // The bounces' count that the light is weighed against, until the renderer sets it.
+  renderer.geometry_light_sample = 64;
 }
 
 void readGeometryLightBlock(std::istream& file) {

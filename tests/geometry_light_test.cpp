@@ -286,7 +286,9 @@ TEST_F(GeometryLightTest, BlockAndExportsFillTheLight) {
   EXPECT_EQ(g.aovs.size(), 2u);
 
   // Startup restores the defaults and keeps the AOVs that a host added.
+  renderer.geometry_light_sample = 5;
   quietStartup();
+  EXPECT_EQ(renderer.geometry_light_sample, 64);
   EXPECT_EQ(g.photon, 0);
   EXPECT_EQ(g.sample, 0);
   EXPECT_EQ(g.area, 0);
