@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "tests/path_fixture.h"
+#include "tests/sphere_quadrature.h"
 
 namespace {
 constexpr double pi = 3.14159265358979;
@@ -25,21 +26,6 @@ Shader fibreShader(float roughness) {
 // The fibre along z, seen from the inclination thetaO above the plane across it.
 constexpr Vec3f axis{0, 0, 1};
 Vec3f viewAt(float thetaO) { return {std::cos(thetaO), 0, std::sin(thetaO)}; }
-
-// The integral over the sphere of f(direction), by the midpoint rule in
-// (sin theta, phi): a grid of equal areas, so a uniform quadrature of the sphere.
-template <class F>
-double sphereIntegral(F f, int n = 600) {
-  double sum = 0;
-  for (int i = 0; i < n; ++i) {
-    const double s = -1 + (i + 0.5) * 2 / n, c = std::sqrt(1 - s * s);
-    for (int j = 0; j < 2 * n; ++j) {
-      const double phi = (j + 0.5) * pi / n;
-      sum += f(Vec3f{float(c * std::cos(phi)), float(c * std::sin(phi)), float(s)});
-    }
-  }
-  return sum * (2.0 / n) * (pi / n);
-}
 
 // The mean over a stratified grid of (u0, u1, uc) of each lobe's candidate
 // attenuation, the cones centred at the inclination coneTheta. The azimuth
