@@ -79,53 +79,17 @@ class HairReaderTest : public testing::Test {
 }  // namespace
 
 TEST_F(HairReaderTest, EveryFailurePrintsItsLineAndAddsNothing) {
-  HairBytes good;
-  good.strands = 1, good.points = 2, good.flags = 1 | 2 | 4 | 8 | 16;
-  good.segmentArray = {1};
-  good.pointArray = pointsAlongX(2);
-  good.thicknessArray = {1, 1};
-  good.transparencyArray = {0, 0};
-  good.colorArray = {1, 1, 1, 1, 1, 1};
-  struct Case {
-    std::string bytes;
-    int64_t code;
-    std::string text;
-  };
-  HairBytes wrongSignature = good;
-  wrongSignature.signature = "HAIx";
-  std::vector<Case> cases = {
-      {std::string(100, 'H'), -2, "cannot open hair file header "},
-      {wrongSignature.bytes(), -3, "hair file has wrong signature "},
-  };
-  // Cutting into each array in turn gives the failure of that array: the
-  // colour is last, 24 bytes; then transparency, thickness, points and segments.
-  const std::pair<size_t, std::string> cuts[] = {{1, "cannot read hair color "},
-                                                 {25, "cannot read hair transparency "},
-                                                 {33, "cannot read hair thickness "},
-                                                 {41, "cannot read hair points "},
-                                                 {65, "cannot read hair segments "}};
-  for (int i = 0; i < 5; ++i) {
-    HairBytes cut = good;
-    cut.cut = cuts[i].first;
-    cases.push_back({cut.bytes(), -8 + i, cuts[i].second});
-  }
-  for (const Case& c : cases) {
-    const std::string path = write("bad.hair", c.bytes);
-    EXPECT_EQ(read(path), c.text + path + "\n");
-    EXPECT_EQ(code, c.code);
-    EXPECT_TRUE(set.indices.empty());
-    EXPECT_TRUE(set.vectorChannels[0].values.empty());
-    EXPECT_TRUE(set.scalarChannels[0].values.empty());
-  }
-  EXPECT_EQ(read(folder + "missing.hair"), "cannot open " + folder + "missing.hair\n");
+  // The line of each code, -1 to -8.
+  const std::string lines[] = {"cannot open ",
+                               "cannot open hair file header ",
+                               "hair file has wrong signature ",
+                               "cannot read hair segments ",
+                               "cannot read hair points ",
+                               "cannot read hair thickness ",
+                               "cannot read hair transparency ",
+                               "cannot read hair color "};
+  EXPECT_EQ(read(folder + "missing.hair"), lines[0] + folder + "missing.hair\n");
   EXPECT_EQ(code, -1);
-  // The good file reads: one strand, one cylinder.
-  EXPECT_EQ(read(write("good.hair", good.bytes())), "");
-  EXPECT_EQ(code, 1);
-  EXPECT_EQ(firsts(set), (std::vector<uint32_t>{0}));
-}
-
-TEST_F(HairReaderTest, EveryTruncationFailsWithTheArrayItCuts) {
   HairBytes file;
   file.strands = 2, file.points = 3, file.flags = 1 | 2 | 4 | 8 | 16;
   file.segmentArray = {1, 0};
@@ -133,17 +97,30 @@ TEST_F(HairReaderTest, EveryTruncationFailsWithTheArrayItCuts) {
   file.thicknessArray = {1, 1, 1};
   file.transparencyArray = {0, 0, 0};
   file.colorArray = std::vector<float>(9, 1);
+  HairBytes wrongSignature = file;
+  wrongSignature.signature = "HAIx";
+  const std::string path = write("wrong.hair", wrongSignature.bytes());
+  EXPECT_EQ(read(path), lines[2] + path + "\n");
+  EXPECT_EQ(code, -3);
+  // Every truncation fails with the array it cuts into. Where each ends:
+  // header, segments, points, thickness, transparency, colour.
   const std::string whole = file.bytes();
-  // Where each array ends: header, segments, points, thickness, transparency, colour.
   const size_t ends[] = {128, 132, 168, 180, 192, 228};
   ASSERT_EQ(whole.size(), ends[5]);
-  for (size_t size = 0; size <= whole.size(); ++size) {
-    read(write("cut.hair", whole.substr(0, size)));
-    int64_t expected = 2;
+  for (size_t size = 0; size < whole.size(); ++size) {
+    const std::string cut = write("cut.hair", whole.substr(0, size));
+    int64_t expected = 0;
     for (int a = 5; a >= 0; --a)
       if (size < ends[a]) expected = a == 0 ? -2 : -3 - a;
+    EXPECT_EQ(read(cut), lines[-expected - 1] + cut + "\n") << size;
     EXPECT_EQ(code, expected) << size;
   }
+  EXPECT_TRUE(set.indices.empty());
+  EXPECT_TRUE(set.vectorChannels[0].values.empty());
+  EXPECT_TRUE(set.scalarChannels[0].values.empty());
+  // The whole file reads: two strands, the second of no segment.
+  EXPECT_EQ(read(write("good.hair", whole)), "");
+  EXPECT_EQ(code, 2);
   EXPECT_EQ(firsts(set), (std::vector<uint32_t>{0}));
 }
 
