@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <random>
 #include <sstream>
@@ -23,7 +24,8 @@
 #include "qz.h"
 
 namespace {
-const std::string hairPath = std::string(QZ_BENCH_DATA) + "/../../scenes/hair/geometry/furball.hair";
+const std::string hairPath =
+    (std::filesystem::path(QZ_BENCH_DATA) / "../../scenes/hair/geometry/furball.hair").lexically_normal().string();
 
 double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
