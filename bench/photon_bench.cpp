@@ -5,6 +5,7 @@
 //
 //   cmake -S . -B build -G Ninja -DQZ_BENCH=ON && ninja -C build photon_bench
 //   build/bench/photon_bench [scene directory]
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <random>
@@ -68,14 +69,17 @@ int main(int argc, char** argv) {
   qzInitialize();
   std::cout.rdbuf(out);
 
+  // The rows only: a progress line shares its start, and the per-photon lines start with a blank.
   std::istringstream lines(report.str());
-  for (std::string line; std::getline(lines, line);)
-    if (line.rfind("photon ", 0) == 0 || line.rfind("density", 0) == 0) {
-      // The progress line shares the row's start; only what follows its last carriage return counts.
-      std::cout << line.substr(line.find_last_of('\r') == std::string::npos ? 0 : line.find_last_of('\r') + 1)
-                << "\n";
-    }
-  std::printf("photons stored   %zu\n", photonStore.photons.size());
+  for (std::string line; std::getline(lines, line);) {
+    const size_t back = line.find_last_of('\r');
+    const std::string row = back == std::string::npos ? line : line.substr(back + 1);
+    if (row.rfind("photon ", 0) == 0 || row.rfind("density", 0) == 0) std::cout << row << "\n";
+  }
+  uint32_t leaves = 0, largest = 0;
+  for (const PhotonNode& node : photonStore.nodes)
+    if (node.children == 0) ++leaves, largest = std::max(largest, node.count);
+  std::printf("photons stored   %zu in %u leaves, the largest of %u\n", photonStore.photons.size(), leaves, largest);
 
   // The square under and beside the glass sphere, which stands at x = -2.
   const std::vector<GroundHit> row = groundHits(10000, -3.5f, -1.5f, 3, false);
@@ -83,8 +87,7 @@ int main(int argc, char** argv) {
   std::printf("caustic gather, camera order  %8.1f ns\n",
               nanosecondsPerLookup(row, 20, [](const GroundHit& h) { return gatherCaustics(h.ray, h.surface); }));
   std::printf("caustic gather, random order  %8.1f ns\n",
-              nanosecondsPerLookup(scattered, 20,
-                                   [](const GroundHit& h) { return gatherCaustics(h.ray, h.surface); }));
+              nanosecondsPerLookup(scattered, 20, [](const GroundHit& h) { return gatherCaustics(h.ray, h.surface); }));
   std::printf("patch read                    %8.1f ns\n",
               nanosecondsPerLookup(scattered, 200, [](const GroundHit& h) { return readPatch(h.ray); }));
 

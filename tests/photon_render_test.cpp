@@ -332,7 +332,8 @@ class PatchMemoryLimit : public PathTest {
       for (int i = 0; i < count; ++i) {
         const float s = std::sqrt(area);
         const uint32_t v = uint32_t(mesh.worldPositions.size());
-        for (Vec3f p : {Vec3f{0, 0, 0}, Vec3f{s, 0, 0}, Vec3f{s, 0, s}, Vec3f{0, 0, s}}) mesh.worldPositions.push_back(p);
+        for (Vec3f p : {Vec3f{0, 0, 0}, Vec3f{s, 0, 0}, Vec3f{s, 0, s}, Vec3f{0, 0, s}})
+          mesh.worldPositions.push_back(p);
         mesh.tetragons.push_back({v, v + 1, v + 2, v + 3, 0});
       }
   }

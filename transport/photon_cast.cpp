@@ -28,8 +28,8 @@ void castFrom(int64_t count, const LightLink& link, Emit emit) {
     // With fewer than 100 photons the step is 0, and only photon 0 is its multiple.
     if (step == 0 ? i == 0 : i % step == 0) {
 #pragma omp critical(photonStore)
-      std::cout << "photon   cast " << std::fixed << std::setprecision(3) << float(100 * i) / float(count)
-                << " [%]\r" << std::flush;
+      std::cout << "photon   cast " << std::fixed << std::setprecision(3) << float(100 * i) / float(count) << " [%]\r"
+                << std::flush;
     }
   }
   const int64_t microseconds = std::max<int64_t>((clockNanoseconds() - start) / 1000, 1);
@@ -40,11 +40,9 @@ void castFrom(int64_t count, const LightLink& link, Emit emit) {
 void castPhotons() {
   const int64_t start = clockNanoseconds();
   for (const ParallelLight& light : parallelLights)
-    if (light.photon > 0)
-      castFrom(light.photon, light.link, [&light](Ray& ray, uint64_t i) { light.emit(ray, i); });
+    if (light.photon > 0) castFrom(light.photon, light.link, [&light](Ray& ray, uint64_t i) { light.emit(ray, i); });
   for (const PointLight& light : pointLights)
-    if (light.photon > 0)
-      castFrom(light.photon, light.link, [&light](Ray& ray, uint64_t i) { light.emit(ray, i); });
+    if (light.photon > 0) castFrom(light.photon, light.link, [&light](Ray& ray, uint64_t i) { light.emit(ray, i); });
   // The geometry light casts here, between the point lights and the sky.
   if (sky.photon > 0) castFrom(sky.photon, sky.link, [](Ray& ray, uint64_t i) { emitSkyPhoton(ray, i); });
 

@@ -42,8 +42,8 @@ SplitChoice choosePlane(const Box& bounds, int axis, uint32_t begin, uint32_t en
     const float plane = low + float(k) * extent / binCount;
     Box lowBox = bounds, highBox = bounds;
     lowBox.max[axis] = highBox.min[axis] = plane;
-    const float cost = halfArea(lowBox.min, lowBox.max) * float(left) +
-                       halfArea(highBox.min, highBox.max) * float(end - begin - left);
+    const float cost =
+        halfArea(lowBox.min, lowBox.max) * float(left) + halfArea(highBox.min, highBox.max) * float(end - begin - left);
     if (cost < bestCost) {
       bestCost = cost;
       best = {plane, left};
