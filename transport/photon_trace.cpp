@@ -1,5 +1,6 @@
 // One photon's path: every lobe that is on branches, with no random choice
 // and no roulette, until its colour fades or the photon depth is reached.
+#include <cmath>
 #include <iostream>
 
 #include "accel/bbvh.h"
@@ -27,6 +28,9 @@ void followChild(const Ray& parent, const Surface& surface, uint8_t event, Vec3f
 }
 
 void storeCaustic(const Ray& ray, const Surface& surface) {
+  // A position that is not a number would break the ordering that the tree's build sorts by.
+  const Vec3f p = surface.position;
+  if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) return;
   Photon photon;
   photon.position = surface.position;
   encodePower(ray.weight * ray.throughput, photon.power);

@@ -3,6 +3,7 @@
 // of a large split.
 #include <algorithm>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "accel/bbvh.h"
@@ -103,14 +104,21 @@ void splitPhotons(Box bounds, uint32_t node, uint32_t begin, uint32_t end, int d
   if (depth < 16 && lowCount >= 1025 && highCount >= 1025) {
     // The larger side runs on a thread of its own; the ranges do not overlap.
     const bool lowLarger = lowCount > highCount;
-    std::thread larger = lowLarger ? std::thread(splitPhotons, lowBox, child, begin, lowEnd, depth + 1)
-                                   : std::thread(splitPhotons, highBox, child + 1, highBegin, end, depth + 1);
-    if (lowLarger)
-      splitPhotons(highBox, child + 1, highBegin, end, depth + 1);
-    else
-      splitPhotons(lowBox, child, begin, lowEnd, depth + 1);
-    larger.join();
-    return;
+    std::thread larger;
+    try {
+      larger = lowLarger ? std::thread(splitPhotons, lowBox, child, begin, lowEnd, depth + 1)
+                         : std::thread(splitPhotons, highBox, child + 1, highBegin, end, depth + 1);
+    } catch (const std::system_error&) {
+      // No thread to be had: both sides on this one.
+    }
+    if (larger.joinable()) {
+      if (lowLarger)
+        splitPhotons(highBox, child + 1, highBegin, end, depth + 1);
+      else
+        splitPhotons(lowBox, child, begin, lowEnd, depth + 1);
+      larger.join();
+      return;
+    }
   }
   splitPhotons(lowBox, child, begin, lowEnd, depth + 1);
   splitPhotons(highBox, child + 1, highBegin, end, depth + 1);
