@@ -286,6 +286,26 @@ TEST_F(LitBox, FinalGatherMatchesADeepPathTrace) {
   EXPECT_NEAR(gathered.g, traced.g, 0.03f * traced.g);
 }
 
+TEST_F(PhotonRenderTest, GeometryLightPhotonsComeFromTheLampPanel) {
+  const int wall = qzAddShader();
+  qzSetShaderColor(wall, 1, diffuseChannel, 0.5f, 0.5f, 0.5f);
+  addClosedBox(wall);
+  // A panel under the ceiling, 0.4 by 0.4, emitting 1 from its front, downwards.
+  const int lamp = qzAddShader();
+  qzSetShaderColor(lamp, 1, emissionChannel, 1, 1, 1);
+  qzSetShaderGeometryLight(lamp, 1, true);
+  addQuad(lamp, {0, 0.9f, 0}, 0.2f * X, 0.2f * Z);
+  qzSetGeometryLightSample(16);
+  qzSetGeometryLightPhoton(40000);
+  qzSetRendererResolution(0.05f);
+  qzSetRendererPhotonDepth(1);
+  addCamera(2, 1, {0, 0, 0.9f}, {0, 0, -1}, 70);
+  const std::string report = prepare();
+  EXPECT_NE(report.find("[M rays/s]"), std::string::npos);
+  // The panel sends pi times its area; every photon lands on a wall, which keeps half.
+  EXPECT_NEAR(patchFlux().g, 0.5f * testPi * 0.16f, 0.01f * 0.5f * testPi * 0.16f);
+}
+
 TEST_F(PhotonRenderTest, NoRadiusAndNoResolutionCastNothing) {
   addQuad(addShader(diffuseChannel, white), {0, 0, 0}, Z, X);
   pointLight({0, 1, 0}, white, 1000);

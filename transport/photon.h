@@ -59,7 +59,7 @@ void encodePower(Color3f power, uint8_t rgbe[4]);
 Color3f decodePower(const uint8_t rgbe[4]);
 
 // Traces photons from every light that has any, in the order parallel,
-// point, sky, reports the three rows and builds the tree.
+// point, geometry, sky, reports the three rows and builds the tree.
 void castPhotons();
 // Follows one photon from a light whose shaders are `link`: every lobe that
 // is on branches, diffuse hits feed the patches and, after a specular

@@ -1,14 +1,15 @@
 // Casting: photons from each light that has any, in parallel, with a
 // progress line and a rate row per light, then the totals and the tree.
-#include <omp.h>
-
 #include <algorithm>
 #include <iomanip>
 #include <iostream>
 
 #include "frame/renderer.h"
 #include "frame/report.h"
+#include "geometry/object.h"
+#include "geometry/scene_assembly.h"
 #include "lights/gaffer.h"
+#include "lights/geometry_light.h"
 #include "lights/sky.h"
 #include "transport/photon.h"
 #include "transport/thread_stack.h"
@@ -39,11 +40,14 @@ void castFrom(int64_t count, const LightLink& link, Emit emit) {
 
 void castPhotons() {
   const int64_t start = clockNanoseconds();
+  // The geometry light leaves the mark as it finds it: not the sky's, even when no other light casts first.
+  skyPhoton.store(0, std::memory_order_relaxed);
   for (const ParallelLight& light : parallelLights)
     if (light.photon > 0) castFrom(light.photon, light.link, [&light](Ray& ray, uint64_t i) { light.emit(ray, i); });
   for (const PointLight& light : pointLights)
     if (light.photon > 0) castFrom(light.photon, light.link, [&light](Ray& ray, uint64_t i) { light.emit(ray, i); });
-  // The geometry light casts here, between the point lights and the sky.
+  if (geometryLight.photon > 0 && rootObject < objects.size() && objects[rootObject].emitterArea > 0)
+    castFrom(geometryLight.photon, geometryLight.link, [](Ray& ray, uint64_t i) { emitGeometryPhoton(ray, i); });
   if (sky.photon > 0) castFrom(sky.photon, sky.link, [](Ray& ray, uint64_t i) { emitSkyPhoton(ray, i); });
 
   printRow("photon   cast", float((clockNanoseconds() - start) / 1000000000), "seconds");
