@@ -1,5 +1,6 @@
 #include "frame/renderer.h"
 #include "lights/geometry_light.h"
+#include "transport/density_estimator.h"
 #include "transport/path.h"
 
 namespace {
@@ -27,7 +28,8 @@ bool sampledByGeometryLight(const Ray& ray, const Shader& shader) {
 }  // namespace
 
 void shadeEmission(LobeRadiance& lobes, const Ray& ray, const Shader& shader, const Surface& surface) {
-  Color3f E;
+  // A path that ends here takes what the photons left on this patch.
+  Color3f E = surface.cheap_query && shader.diffuse_present[0] ? readPatch(ray) : black;
   if (linkAllows(geometryLight.link, ray.prev_shader)) {
     // A two-sided emitter seen from behind shows its back node.
     const int side = shader.two_sided && !(ray.facing > 0) ? 1 : 0;
