@@ -13,10 +13,12 @@
 //
 //   cmake -S . -B build -G Ninja -DQZ_BENCH=ON && ninja -C build ray_bench
 //   build/bench/ray_bench [rounds] [seconds per run]
+//   build/bench/ray_bench digest      the answers' digests only
 #include <omp.h>
 #include <time.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -210,6 +212,24 @@ std::function<void(int)> overRays(const RaySet& set, size_t& hits, Trace trace) 
   };
 }
 
+// A digest of everything the queries answer for the set, bit for bit: a change
+// meant only to make them faster must leave it as it is.
+uint64_t digest(const RaySet& set) {
+  uint64_t h = 14695981039346656037ull;
+  auto mix = [&](uint32_t word) { h = (h ^ word) * 1099511628211ull; };
+  auto bits = [](float f) { return std::bit_cast<uint32_t>(f); };
+  for (size_t i = 0; i < set.origins.size(); ++i) {
+    Ray ray = makeRay(set, i, 0);
+    mix(traceClosest(ray));
+    for (float f : {ray.t, ray.facing, ray.coords[0], ray.coords[1], ray.coords[2]}) mix(bits(f));
+    mix(ray.hit.primitive);
+    Ray shadow = makeRay(set, i, 0);
+    shadow.t = 0.5f * sceneRadius;
+    mix(traceShadow(shadow));
+  }
+  return h;
+}
+
 // The four stages of the hierarchy on a fresh copy of the mesh; the "accel
 // built" row goes nowhere.
 std::function<void(int)> ourBuild(const Mesh& mesh) {
@@ -302,7 +322,8 @@ struct EmbreeBuild {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
+  const bool digestOnly = argc > 1 && std::string(argv[1]) == "digest";
+  const int rounds = argc > 1 && !digestOnly ? std::max(1, std::atoi(argv[1])) : 5;
   const double seconds = argc > 2 ? std::max(0.01, std::atof(argv[2])) : 0.5;
   const int all = omp_get_num_procs();
   std::ostringstream sink;
@@ -332,6 +353,10 @@ int main(int argc, char** argv) {
 #endif
     size_t hits = 0, embreeHits = 0;
     for (const RaySet& set : {cameraRays(512), diffuseRays(mesh, 262144)}) {
+      if (digestOnly) {
+        std::printf("%-8.8s %-8s digest %016llx\n", shortName, set.name, (unsigned long long)digest(set));
+        continue;
+      }
       for (const bool shadow : {false, true}) {
         const auto ours = shadow ? overRays(set, hits,
                                             [&](size_t i, int thread) {
@@ -363,6 +388,7 @@ int main(int argc, char** argv) {
           std::printf("  hits differ: ours %zu, embree %zu (of %zu rays)\n", hits, embreeHits, set.origins.size());
       }
     }
+    if (digestOnly) continue;
     const auto build = ourBuild(mesh);
     const std::function<void(int)>* theirs = nullptr;
 #ifdef QZ_EMBREE_VERSION
