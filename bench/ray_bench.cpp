@@ -12,7 +12,7 @@
 // working threads beside the wall time, so that a run starved of cores shows.
 //
 //   cmake -S . -B build -G Ninja -DQZ_BENCH=ON && ninja -C build ray_bench
-//   build/bench/ray_bench [rounds] [seconds per run]
+//   build/bench/ray_bench [rounds] [seconds per run] [largest thread count]
 //   build/bench/ray_bench digest      the answers' digests only
 #include <omp.h>
 #include <time.h>
@@ -325,7 +325,7 @@ int main(int argc, char** argv) {
   const bool digestOnly = argc > 1 && std::string(argv[1]) == "digest";
   const int rounds = argc > 1 && !digestOnly ? std::max(1, std::atoi(argv[1])) : 5;
   const double seconds = argc > 2 ? std::max(0.01, std::atof(argv[2])) : 0.5;
-  const int all = omp_get_num_procs();
+  const int all = argc > 3 ? std::clamp(std::atoi(argv[3]), 1, omp_get_num_procs()) : omp_get_num_procs();
   std::ostringstream sink;
   std::streambuf* console = std::cout.rdbuf(sink.rdbuf());
   qzStartup();
