@@ -54,7 +54,8 @@ inline uint32_t hitLanes(const BvhNode& node, const RayLanes& r, float t, uint32
 
 // Starts loading what the hit lanes lead to, so that the misses of the
 // children waiting on the stack overlap with the walk of the nearest one.
-inline void prefetchChildren(const BvhNode& node, uint32_t hits, const BvhNode* nodes, const TriangleRecord* triangles) {
+inline void prefetchChildren(const BvhNode& node, uint32_t hits, const BvhNode* nodes,
+                             const TriangleRecord* triangles) {
   for (; hits; hits &= hits - 1) {
     const uint64_t child = node.child[__builtin_ctz(hits)];
     if (!isLeafReference(child)) {
