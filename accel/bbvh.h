@@ -42,6 +42,19 @@ struct alignas(32) BvhNode {
 };
 static_assert(sizeof(BvhNode) == 256);
 
+// What the triangle test needs of one triangle, worked out once per build in
+// leaf order, so that a leaf's triangles are read from consecutive cache lines:
+// the first corner and `scale` = 1 / (N . N), the unnormalised normal N =
+// e1 x e2, and the two vectors whose products with the hit's offset give the
+// weights, e2 x N and N x e1. Four rows of four floats, transposed into lanes.
+struct alignas(64) TriangleRecord {
+  float p0[3], scale;
+  float n[3], unused0;
+  float u[3], unused1;
+  float v[3], unused2;
+};
+static_assert(sizeof(TriangleRecord) == 64);
+
 // An unused lane: its box can never be hit, its low word ends the used lanes.
 constexpr uint64_t emptyLane = 0x000000FFFFFFFFFFull;
 
@@ -71,5 +84,7 @@ void refitBinaryTree(Object& object, uint32_t node);
 void restructureTree(Object& object);
 // Stage 3: eight-lane nodes that share their lanes between parents.
 void collapseTree(Object& object);
+// The triangle records of the object's mesh, in its present order and pose.
+void recordTriangles(Object& object);
 // Percentage of used lanes over all nodes.
 float simdOccupancy(const Object& object);

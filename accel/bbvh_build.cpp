@@ -245,7 +245,9 @@ void buildBinaryTree(Object& object) {
     outputCount = 0;
     Level level{records, entries, output, outputCount, nodeCount, depth};
     const int taskCount = int(tasks.size());
-#pragma omp parallel for schedule(static) if (taskCount > 1)
+    // Handed out in shrinking chunks: the tasks of a level differ widely in
+    // size, and a thread that the system holds back must not hold the others.
+#pragma omp parallel for schedule(guided) if (taskCount > 1)
     for (int i = 0; i < taskCount; ++i) splitTask(tasks[i], level);
     uint32_t made = outputCount;
     nodeCount += made;

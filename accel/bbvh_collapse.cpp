@@ -114,6 +114,7 @@ void collapseTree(Object& object) {
   object.bvhNodes.assign(1, emptyNode());
   Collapse state{object.buildRecords, object.bvhNodes};
   state.collapse(0, 0);
+  recordTriangles(object);
 }
 
 float simdOccupancy(const Object& object) {

@@ -150,8 +150,9 @@ void restructureTree(Object& object) {
   for (int d = maxBuildDepth - 1; d >= 0; --d) {
     const std::vector<uint32_t>& list = depthLists[d];
     const int count = int(list.size());
-    // Short lists are not worth waking the other threads for.
-#pragma omp parallel for schedule(static) if (count >= 64)
+    // Short lists are not worth waking the other threads for; chunks shrink
+    // so that a thread held back by the system does not hold the others.
+#pragma omp parallel for schedule(guided) if (count >= 64)
     for (int i = 0; i < count; ++i) optimizeTreelet(records, list[i]);
   }
   clearDepthLists();

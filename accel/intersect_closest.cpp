@@ -83,7 +83,7 @@ template <bool probe>
 bool walkClosest(const Object& object, Ray& ray) {
   if (object.bvhNodes.empty()) return false;
   const BvhNode* nodes = object.bvhNodes.data();
-  const Triangle* triangles = object.mesh.triangles.data();
+  const TriangleRecord* triangles = object.triangleRecords.data();
   const RayLanes lanes = broadcastRay(ray, false);
   StackEntry stack[stackSize];
   StackEntry* top = stack;

@@ -80,7 +80,7 @@ void intersectShadow(const Object& object, Ray& ray) {
         // next lowest on top.
         const int lowest = __builtin_ctz(hits);
         hits &= hits - 1;
-        prefetchChildren(node, hits, nodes, object.mesh.triangles.data());
+        prefetchChildren(node, hits, nodes, object.triangleRecords.data());
         for (; hits && top != end; hits &= ~(1u << (31 - __builtin_clz(hits))))
           *top++ = {index, uint32_t(31 - __builtin_clz(hits))};
         reference = node.child[lowest];

@@ -54,14 +54,17 @@ inline uint32_t hitLanes(const BvhNode& node, const RayLanes& r, float t, uint32
 
 // Starts loading what the hit lanes lead to, so that the misses of the
 // children waiting on the stack overlap with the walk of the nearest one.
-inline void prefetchChildren(const BvhNode& node, uint32_t hits, const BvhNode* nodes, const Triangle* triangles) {
+inline void prefetchChildren(const BvhNode& node, uint32_t hits, const BvhNode* nodes,
+                             const TriangleRecord* triangles) {
   for (; hits; hits &= hits - 1) {
     const uint64_t child = node.child[__builtin_ctz(hits)];
     if (!isLeafReference(child)) {
       const char* target = reinterpret_cast<const char*>(nodes + referenceIndex(child));
       for (int line = 0; line < 256; line += 64) _mm_prefetch(target + line, _MM_HINT_T0);
     } else if (referenceKind(child) == kindTriangle) {
-      _mm_prefetch(reinterpret_cast<const char*>(triangles + referenceIndex(child)), _MM_HINT_T0);
+      const TriangleRecord* first = triangles + referenceIndex(child);
+      _mm_prefetch(reinterpret_cast<const char*>(first), _MM_HINT_T0);
+      if (referenceCount(child) > 1) _mm_prefetch(reinterpret_cast<const char*>(first + 1), _MM_HINT_T0);
     }
   }
 }

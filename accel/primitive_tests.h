@@ -61,45 +61,41 @@ struct TriangleGroup {
 
 // Triangles `first` to `first + count - 1` (count 1 to 4) against the ray up
 // to its present limit; the bits of the lanes crossed. Both sides count.
-inline int crossTriangles(const Mesh& mesh, uint32_t first, uint32_t count, const Ray& ray, TriangleGroup& g) {
-  const Triangle* triangles = mesh.triangles.data() + first;
-  const Vec3f* p = mesh.worldPositions.data();
+inline int crossTriangles(const Object& object, uint32_t first, uint32_t count, const Ray& ray, TriangleGroup& g) {
+  const TriangleRecord* records = object.triangleRecords.data() + first;
   // Missing lanes repeat lane 0 and are masked off at the end.
-  const Triangle& t0 = triangles[0];
-  const Triangle& t1 = triangles[count > 1 ? 1 : 0];
-  const Triangle& t2 = triangles[count > 2 ? 2 : 0];
-  const Triangle& t3 = triangles[count > 3 ? 3 : 0];
-  auto gather = [&](uint32_t Triangle::*corner, int axis) {
-    return _mm_setr_ps(p[t0.*corner][axis], p[t1.*corner][axis], p[t2.*corner][axis], p[t3.*corner][axis]);
+  const float* r0 = records[0].p0;
+  const float* r1 = records[count > 1 ? 1 : 0].p0;
+  const float* r2 = records[count > 2 ? 2 : 0].p0;
+  const float* r3 = records[count > 3 ? 3 : 0].p0;
+  // Row k of the four records, turned into four vectors of one field each.
+  auto transposeRow = [&](int row, __m128& x, __m128& y, __m128& z, __m128& w) {
+    x = _mm_load_ps(r0 + 4 * row), y = _mm_load_ps(r1 + 4 * row);
+    z = _mm_load_ps(r2 + 4 * row), w = _mm_load_ps(r3 + 4 * row);
+    _MM_TRANSPOSE4_PS(x, y, z, w);
   };
+  __m128 p0x, p0y, p0z, scale, nx, ny, nz, ux, uy, uz, vx, vy, vz, unused;
+  transposeRow(0, p0x, p0y, p0z, scale);
+  transposeRow(1, nx, ny, nz, unused);
+  transposeRow(2, ux, uy, uz, unused);
+  transposeRow(3, vx, vy, vz, unused);
   auto sub = [](__m128 a, __m128 b) { return _mm_sub_ps(a, b); };
   auto mul = [](__m128 a, __m128 b) { return _mm_mul_ps(a, b); };
   auto dot = [&](__m128 ax, __m128 ay, __m128 az, __m128 bx, __m128 by, __m128 bz) {
     return _mm_add_ps(_mm_add_ps(mul(ax, bx), mul(ay, by)), mul(az, bz));
   };
-  const __m128 p0x = gather(&Triangle::i0, 0), p0y = gather(&Triangle::i0, 1), p0z = gather(&Triangle::i0, 2);
-  const __m128 e1x = sub(gather(&Triangle::i1, 0), p0x), e1y = sub(gather(&Triangle::i1, 1), p0y);
-  const __m128 e1z = sub(gather(&Triangle::i1, 2), p0z);
-  const __m128 e2x = sub(gather(&Triangle::i2, 0), p0x), e2y = sub(gather(&Triangle::i2, 1), p0y);
-  const __m128 e2z = sub(gather(&Triangle::i2, 2), p0z);
   const __m128 dx = _mm_set1_ps(ray.direction.x), dy = _mm_set1_ps(ray.direction.y), dz = _mm_set1_ps(ray.direction.z);
-  // N := e1 x e2, unnormalised.
-  const __m128 nx = sub(mul(e1y, e2z), mul(e1z, e2y)), ny = sub(mul(e1z, e2x), mul(e1x, e2z));
-  const __m128 nz = sub(mul(e1x, e2y), mul(e1y, e2x));
   const __m128 ax = sub(p0x, _mm_set1_ps(ray.origin.x)), ay = sub(p0y, _mm_set1_ps(ray.origin.y));
   const __m128 az = sub(p0z, _mm_set1_ps(ray.origin.z));
   const __m128 denominator = dot(nx, ny, nz, dx, dy, dz);
   const __m128 t = _mm_div_ps(dot(nx, ny, nz, ax, ay, az), denominator);
   // Ordered comparisons: a NaN distance fails.
   __m128 inside = _mm_and_ps(_mm_cmpge_ps(t, _mm_set1_ps(1e-6f)), _mm_cmplt_ps(t, _mm_set1_ps(ray.t - 1e-6f)));
-  const __m128 scale = _mm_div_ps(_mm_set1_ps(1), dot(nx, ny, nz, nx, ny, nz));
   const __m128 qx = mul(sub(mul(t, dx), ax), scale), qy = mul(sub(mul(t, dy), ay), scale);
   const __m128 qz = mul(sub(mul(t, dz), az), scale);
   // w1 := q . (e2 x N), w2 := q . (N x e1), w0 := 1 - (w1 + w2).
-  const __m128 w1 = dot(qx, qy, qz, sub(mul(e2y, nz), mul(e2z, ny)), sub(mul(e2z, nx), mul(e2x, nz)),
-                        sub(mul(e2x, ny), mul(e2y, nx)));
-  const __m128 w2 = dot(qx, qy, qz, sub(mul(ny, e1z), mul(nz, e1y)), sub(mul(nz, e1x), mul(nx, e1z)),
-                        sub(mul(nx, e1y), mul(ny, e1x)));
+  const __m128 w1 = dot(qx, qy, qz, ux, uy, uz);
+  const __m128 w2 = dot(qx, qy, qz, vx, vy, vz);
   const __m128 w0 = sub(_mm_set1_ps(1), _mm_add_ps(w1, w2));
   const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1);
   inside = _mm_and_ps(inside, _mm_and_ps(_mm_cmpge_ps(w1, zero), _mm_cmple_ps(w1, one)));
@@ -128,7 +124,7 @@ inline bool closestTriangles(const Object& object, uint32_t first, uint32_t coun
   bool found = false;
   for (uint32_t base = first, last = first + count; base < last; base += 4) {
     TriangleGroup g;
-    for (int lanes = crossTriangles(object.mesh, base, std::min(last - base, 4u), ray, g); lanes; lanes &= lanes - 1) {
+    for (int lanes = crossTriangles(object, base, std::min(last - base, 4u), ray, g); lanes; lanes &= lanes - 1) {
       const int lane = __builtin_ctz(lanes);
       const uint32_t index = base + uint32_t(lane);
       // A lane before this one may have come nearer.
@@ -151,7 +147,7 @@ bool triangleBlocks(const Object& object, uint32_t index, const Ray& ray, const 
 inline bool shadowTriangles(const Object& object, uint32_t first, uint32_t count, const Ray& ray) {
   for (uint32_t base = first, last = first + count; base < last; base += 4) {
     TriangleGroup g;
-    for (int lanes = crossTriangles(object.mesh, base, std::min(last - base, 4u), ray, g); lanes; lanes &= lanes - 1) {
+    for (int lanes = crossTriangles(object, base, std::min(last - base, 4u), ray, g); lanes; lanes &= lanes - 1) {
       const int lane = __builtin_ctz(lanes);
       const uint32_t index = base + uint32_t(lane);
       if (isPreviousPrimitive(object, ray, kindTriangle, index) || isShadowTarget(ray, kindTriangle, index)) continue;

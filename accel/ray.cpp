@@ -31,7 +31,7 @@ void storeInstanceNormalMatrix(uint32_t thread, uint32_t depth, const float* mat
 }
 
 bool traceClosest(Ray& ray) {
-  rayCounters.closest.fetch_add(1, std::memory_order_relaxed);
+  countRay(rayCountersOf(ray.thread).closest);
   ray.t = infinity;
   startAtRoot(ray);
   if (rootObject >= objects.size()) return false;
@@ -39,7 +39,7 @@ bool traceClosest(Ray& ray) {
 }
 
 bool traceShadow(Ray& ray) {
-  rayCounters.shadow.fetch_add(1, std::memory_order_relaxed);
+  countRay(rayCountersOf(ray.thread).shadow);
   ray.throughput = white;
   startAtRoot(ray);
   if (rootObject < objects.size()) intersectShadow(objects[rootObject], ray);

@@ -8,15 +8,24 @@
 #include "transport/photon.h"
 
 Renderer renderer;
-RayCounters rayCounters;
+RayCounters threadRayCounters[maxThreads];
+
+namespace {
+uint64_t sum(std::atomic<uint64_t> RayCounters::*counter) {
+  uint64_t total = 0;
+  for (const RayCounters& c : threadRayCounters) total += (c.*counter).load(std::memory_order_relaxed);
+  return total;
+}
+}  // namespace
 
 void resetRayCounters() {
-  rayCounters.closest = 0;
-  rayCounters.shadow = 0;
-  rayCounters.probe = 0;
+  for (RayCounters& c : threadRayCounters) c.closest = c.shadow = c.probe = 0;
 }
 
-uint64_t totalRays() { return rayCounters.closest + rayCounters.shadow + rayCounters.probe; }
+uint64_t closestRays() { return sum(&RayCounters::closest); }
+uint64_t shadowRays() { return sum(&RayCounters::shadow); }
+uint64_t probeRays() { return sum(&RayCounters::probe); }
+uint64_t totalRays() { return closestRays() + shadowRays() + probeRays(); }
 
 void restoreRendererDefaults() {
   renderer.photon_depth = 16;

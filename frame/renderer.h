@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "frame/sampling.h"
 #include "frame/vec.h"
 
 struct Renderer {
@@ -27,16 +28,26 @@ struct Renderer {
   int sky_light_sample = 64;
 };
 
-struct RayCounters {
+// The counts of one thread, on a cache line of its own: threads tracing side
+// by side would otherwise pass one line back and forth on every ray.
+struct alignas(64) RayCounters {
   std::atomic<uint64_t> closest{0};
   std::atomic<uint64_t> shadow{0};
   std::atomic<uint64_t> probe{0};
 };
 
 extern Renderer renderer;
-extern RayCounters rayCounters;
+extern RayCounters threadRayCounters[maxThreads];
+
+// The counters of the thread numbered `thread`; numbers past the table fold back into it.
+inline RayCounters& rayCountersOf(uint32_t thread) { return threadRayCounters[thread % maxThreads]; }
+inline void countRay(std::atomic<uint64_t>& counter) { counter.fetch_add(1, std::memory_order_relaxed); }
 
 void resetRayCounters();
+// The sums over all threads.
+uint64_t closestRays();
+uint64_t shadowRays();
+uint64_t probeRays();
 uint64_t totalRays();
 // Restores the settings that a render block or finalisation starts from.
 void restoreRendererDefaults();

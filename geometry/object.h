@@ -110,6 +110,7 @@ struct Object {
   float lightArea = 0;
   std::vector<Instance> instances;
   std::vector<BvhNode> bvhNodes;
+  std::vector<TriangleRecord> triangleRecords;  // one a triangle of `mesh`, in the same order
   std::vector<BuildRecord> buildRecords;
   EmitterTable emitters, lightFaces;
   ParticleSet particles;

@@ -2,6 +2,7 @@
 #include "output/render_loop.h"
 
 #include <GL/freeglut.h>
+#include <omp.h>
 
 #include <algorithm>
 #include <cmath>
@@ -47,6 +48,10 @@ void runPass(std::vector<Color3f>* out) {
     }
   }
   renderer.elapsed += (clockNanoseconds() - start) / 1000;
+  // The threads are let go between passes: what runs in between (the report,
+  // the poses of moving geometry, the preview, the images) leaves the cores
+  // to other work instead of to threads spinning in wait for the next pass.
+  omp_pause_resource_all(omp_pause_soft);
 }
 
 void closeRender(int64_t start) {

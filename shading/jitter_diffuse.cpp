@@ -38,7 +38,7 @@ bool jitterDiffuse(const Ray& ray, const Surface& surface, Surface& jittered, Hi
   probe.t = length(p2 - p1);
   probe.thread = ray.thread;
   updateInverseDirection(probe);
-  rayCounters.probe.fetch_add(1, std::memory_order_relaxed);
+  countRay(rayCountersOf(ray.thread).probe);
   if (rootObject >= objects.size() || !intersectProbe(objects[rootObject], probe)) return false;
   if (probe.hit.shader != ray.hit.shader || probe.hit.shader >= shaders.size()) return false;
 

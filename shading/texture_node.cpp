@@ -95,10 +95,14 @@ void prepareNode(TextureNode& node) {
 }
 
 Color3f evaluateColor(const TextureNode& node, const Surface& surface) {
-  if (!(evaluateFlake(node.flake, surface) == zeroVector)) return node.flake.color;
+  // A layer that is off answers zero: most nodes have none, and a hit evaluates
+  // many nodes, so the call is spared here.
+  if (node.flake.density > 0 && !(evaluateFlake(node.flake, surface) == zeroVector)) return node.flake.color;
   // A stone hit replaces the surface's texture coordinates.
-  const Vec3f stone = evaluateStone(node.stone, surface);
-  if (!(stone == zeroVector)) return lookupImage(node, stone.x, stone.y) * node.color;
+  if (node.stone.density > 0) {
+    const Vec3f stone = evaluateStone(node.stone, surface);
+    if (!(stone == zeroVector)) return lookupImage(node, stone.x, stone.y) * node.color;
+  }
   if (node.image >= 0) return lookupImage(node, surface.uv[0], surface.uv[1]) * node.color;
   return node.color;
 }

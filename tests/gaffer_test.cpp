@@ -296,15 +296,15 @@ TEST_F(LightTest, JitteredHitsTakeTheLightFromANearbyPointOfTheirShader) {
   Ray hit = cameraHit(uint32_t(floor));
   hit.hit.kind = 4;
   hit.facing = 1;
-  const uint64_t probes = rayCounters.probe.load();
+  const uint64_t probes = probeRays();
   // Within 0.05 of the foot the light is the same to a few thousandths.
   expectColorNear(lightAt(light, s, hit).diffuse[0], {0.5f, 0.5f, 0.5f}, 0.01f);
-  EXPECT_GT(rayCounters.probe.load(), probes);
+  EXPECT_GT(probeRays(), probes);
   // A jitter radius of 0 in one channel turns the jitter off for lights.
   s.jitter.g = 0;
-  const uint64_t before = rayCounters.probe.load();
+  const uint64_t before = probeRays();
   lightAt(light, s, hit);
-  EXPECT_EQ(rayCounters.probe.load(), before);
+  EXPECT_EQ(probeRays(), before);
 }
 
 TEST_F(LightTest, LinkedLightsLightOnlyTheirShaders) {

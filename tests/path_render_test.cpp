@@ -113,7 +113,7 @@ TEST_F(DiffuseUnderEmitter, JitteredFloorFindsItselfAndKeepsTheAnswer) {
   qzSetShaderColor(floor, 3, jitterChannel, 0.05f, 0.05f, 0.05f);
   build(floor);
   render();
-  EXPECT_GT(rayCounters.probe.load(), 0u);
+  EXPECT_GT(probeRays(), 0u);
   expectAnalyticFloor(0);
 }
 

@@ -195,7 +195,7 @@ TEST_F(PathTest, JitterFindsTheSameShaderNearbyOnTheSideThatWasHit) {
   Surface surface;
   fillSurface(ray, shaders[size_t(floor)], surface);
   ASSERT_TRUE(surface.jitter_on);
-  const uint64_t probesBefore = rayCounters.probe;
+  const uint64_t probesBefore = probeRays();
   int found = 0, tries = 0;
   for (; tries < 400; ++tries) {
     Surface jittered;
@@ -210,7 +210,7 @@ TEST_F(PathTest, JitterFindsTheSameShaderNearbyOnTheSideThatWasHit) {
     EXPECT_EQ(jittered.normal, Vec3f(0, -1, 0));
     expectColorNear(weight, {0.5f, 1, 1}, 1e-6f);
   }
-  EXPECT_EQ(rayCounters.probe - probesBefore, uint64_t(tries));
+  EXPECT_EQ(probeRays() - probesBefore, uint64_t(tries));
   // Two random points of a sphere about a point of the plane lie on its two sides half of the time.
   EXPECT_GT(found, 100);
   EXPECT_LT(found, 300);

@@ -178,8 +178,21 @@ TEST_F(RayEdgeTest, AnEmptySceneAnswersNothing) {
   EXPECT_EQ(ray.t, infinity);
   ray.t = 10;
   EXPECT_FALSE(traceShadow(ray));
-  EXPECT_EQ(rayCounters.closest, 1u);
-  EXPECT_EQ(rayCounters.shadow, 1u);
+  EXPECT_EQ(closestRays(), 1u);
+  EXPECT_EQ(shadowRays(), 1u);
+  // Each thread counts on its own; the totals gather them all, numbers past
+  // the table included, and a reset clears every thread's counts.
+  for (uint32_t thread : {3u, uint32_t(maxThreads) + 5}) {
+    ray.thread = thread;
+    traceClosest(ray);
+    ray.t = 10;
+    traceShadow(ray);
+  }
+  EXPECT_EQ(closestRays(), 3u);
+  EXPECT_EQ(shadowRays(), 3u);
+  EXPECT_EQ(totalRays(), 6u);
+  resetRayCounters();
+  EXPECT_EQ(totalRays(), 0u);
 
   // A placed object without primitives has its box inside out, which no ray crosses.
   float near, far;

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "accel/ray.h"
 #include "frame/renderer.h"
 #include "frame/report.h"
 #include "geometry/object.h"
@@ -262,6 +263,15 @@ TEST_F(SceneTest, MovingObjectsArePosedWithThePassJustFinished) {
       if (isLeafReference(node.child[lane]) && referenceKind(node.child[lane]) == kindTriangle)
         lowest = std::min(lowest, node.min_x[lane]);
   EXPECT_FLOAT_EQ(lowest, 1.5f);
+  // And the triangle test follows: a ray through the new place hits, one
+  // through the place left behind does not.
+  for (const float x : {1.7f, 0.7f}) {
+    Ray ray;
+    ray.origin = {x, 0.2f, -1};
+    ray.direction = {0, 0, 1};
+    ray.bounces = 1;
+    EXPECT_EQ(traceClosest(ray), x > 1.5f);
+  }
 
   // One motion channel is a curve of degree 0: its offset counts in full at every pass.
   qzFinalizeAccelerator();
