@@ -34,7 +34,7 @@ void castFrom(int64_t count, const LightLink& link, Emit emit) {
     }
   }
   const int64_t microseconds = std::max<int64_t>((clockNanoseconds() - start) / 1000, 1);
-  printRow("photon   cast", float(rayCounters.closest) / float(microseconds), "M rays/s");
+  printRow("photon   cast", float(closestRays()) / float(microseconds), "M rays/s");
 }
 }  // namespace
 
