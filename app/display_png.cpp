@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <cmath>
 
+bool isFloatImage(const std::string& name) {
+  return name.ends_with(".hdr") || name.ends_with(".pfm") || name.ends_with(".exr");
+}
+
 std::string writeDisplayPng(const std::string& path, float gamma) {
   FreeImage_Initialise(FALSE);
   std::string result;
