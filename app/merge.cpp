@@ -111,52 +111,64 @@ void checkFit(const std::vector<Tile>& tiles, std::vector<std::string>& problems
       if (!tile.images.count(image)) problems.push_back(name(tile) + " has no " + image);
 }
 
+FIBITMAP* loadTileImage(const Tile& tile, const std::string& image, int flags) {
+  const std::string path = (fs::path(tile.folder) / image).string();
+  const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
+  return format == FIF_UNKNOWN ? nullptr : FreeImage_Load(format, path.c_str(), flags);
+}
+
+// Every tile's copy of every image must be the whole frame, stored alike; the
+// headers tell, so nothing is written before all of them are known to fit.
+void checkImages(const std::vector<Tile>& tiles, std::vector<std::string>& problems) {
+  for (const std::string& image : tiles[0].images) {
+    FREE_IMAGE_TYPE type = FIT_UNKNOWN;
+    unsigned bits = 0;
+    for (const Tile& tile : tiles) {
+      const std::string path = (fs::path(tile.folder) / image).string();
+      FIBITMAP* header = loadTileImage(tile, image, FIF_LOAD_NOPIXELS);
+      if (!header) {
+        problems.push_back(path + " cannot be read");
+        continue;
+      }
+      const int width = int(FreeImage_GetWidth(header)), height = int(FreeImage_GetHeight(header));
+      if (type == FIT_UNKNOWN) type = FreeImage_GetImageType(header), bits = FreeImage_GetBPP(header);
+      if (width != tile.record.width || height != tile.record.height)
+        problems.push_back(path + " is " + size(width, height) + ", but the frame is " +
+                           size(tile.record.width, tile.record.height));
+      else if (FreeImage_GetImageType(header) != type || FreeImage_GetBPP(header) != bits || bits % 8)
+        problems.push_back(path + " stores its pixels unlike the other tiles' " + image);
+      FreeImage_Unload(header);
+    }
+  }
+}
+
 // Row y of the render, counted from the top, as a scan line of the loaded file.
 // The renderer writes PFM images without the vertical flip it gives the other
 // formats, so their rows come back in the opposite order.
 int scanLine(const std::string& file, int y, int height) { return file.ends_with(".pfm") ? y : height - 1 - y; }
 
-// One image of the frame: the first tile's file with every tile's pixels laid in.
-bool mergeImage(const std::vector<Tile>& tiles, const std::string& image, const fs::path& out,
-                std::vector<std::string>& problems) {
-  std::vector<FIBITMAP*> bitmaps;
-  FREE_IMAGE_FORMAT format = FIF_UNKNOWN;
-  for (const Tile& tile : tiles) {
-    const std::string path = (fs::path(tile.folder) / image).string();
-    format = FreeImage_GetFileType(path.c_str(), 0);
-    FIBITMAP* bitmap = format == FIF_UNKNOWN ? nullptr : FreeImage_Load(format, path.c_str(), 0);
-    if (!bitmap) {
-      problems.push_back(path + " cannot be read");
-      break;
+// One image of the frame: tile 1's file with the other tiles' pixels laid in.
+// Two images are held at a time, however many tiles there are.
+bool mergeImage(const std::vector<Tile>& tiles, const std::string& image, const fs::path& out) {
+  FIBITMAP* frame = loadTileImage(tiles[0], image, 0);
+  bool whole = frame;
+  const size_t bytes = frame ? FreeImage_GetBPP(frame) / 8 : 0;
+  for (size_t t = 1; t < tiles.size() && whole; ++t) {
+    FIBITMAP* part = loadTileImage(tiles[t], image, 0);
+    whole = part;
+    const PixelRect& p = tiles[t].record.pixels;
+    for (int y = p.y0; y < p.y1 && part; ++y) {
+      const int line = scanLine(image, y, tiles[t].record.height);
+      std::memcpy(FreeImage_GetScanLine(frame, line) + size_t(p.x0) * bytes,
+                  FreeImage_GetScanLine(part, line) + size_t(p.x0) * bytes, size_t(p.x1 - p.x0) * bytes);
     }
-    bitmaps.push_back(bitmap);
-    const TileRecord& r = tile.record;
-    FIBITMAP* first = bitmaps[0];
-    if (int(FreeImage_GetWidth(bitmap)) != r.width || int(FreeImage_GetHeight(bitmap)) != r.height)
-      problems.push_back(path + " is " + size(int(FreeImage_GetWidth(bitmap)), int(FreeImage_GetHeight(bitmap))) +
-                         ", but the frame is " + size(r.width, r.height));
-    else if (FreeImage_GetImageType(bitmap) != FreeImage_GetImageType(first) ||
-             FreeImage_GetBPP(bitmap) != FreeImage_GetBPP(first) || FreeImage_GetBPP(bitmap) % 8)
-      problems.push_back(path + " stores its pixels unlike the other tiles' " + image);
+    if (part) FreeImage_Unload(part);
   }
-  bool saved = false;
-  if (bitmaps.size() == tiles.size() && problems.empty()) {
-    FIBITMAP* frame = bitmaps[0];
-    const unsigned bytes = FreeImage_GetBPP(frame) / 8;
-    for (size_t t = 1; t < tiles.size(); ++t) {
-      const PixelRect& p = tiles[t].record.pixels;
-      for (int y = p.y0; y < p.y1; ++y) {
-        const int line = scanLine(image, y, tiles[t].record.height);
-        std::memcpy(FreeImage_GetScanLine(frame, line) + size_t(p.x0) * bytes,
-                    FreeImage_GetScanLine(bitmaps[t], line) + size_t(p.x0) * bytes, size_t(p.x1 - p.x0) * bytes);
-      }
-    }
-    const std::string target = (out / image).string();
-    saved = FreeImage_Save(format, frame, target.c_str(), 0);
-    if (!saved) problems.push_back(target + " cannot be written");
-  }
-  for (FIBITMAP* bitmap : bitmaps) FreeImage_Unload(bitmap);
-  return saved;
+  const std::string target = (out / image).string();
+  const FREE_IMAGE_FORMAT format = FreeImage_GetFileType((fs::path(tiles[0].folder) / image).c_str(), 0);
+  whole = whole && FreeImage_Save(format, frame, target.c_str(), 0);
+  if (frame) FreeImage_Unload(frame);
+  return whole;
 }
 
 int refuse(const std::vector<std::string>& problems) {
@@ -174,6 +186,7 @@ int mergeTiles(const MergeOptions& options) {
   }
   if (!tiles.empty()) checkFit(tiles, problems);
   else if (problems.empty()) problems.push_back("no tile folder was given");
+  if (problems.empty()) checkImages(tiles, problems);
   if (!problems.empty()) return refuse(problems);
 
   std::error_code error;
@@ -185,14 +198,13 @@ int mergeTiles(const MergeOptions& options) {
   std::sort(tiles.begin(), tiles.end(), [](const Tile& a, const Tile& b) { return a.record.index < b.record.index; });
   std::vector<std::string> written;
   for (const std::string& image : tiles[0].images) {
-    if (!mergeImage(tiles, image, out, problems)) break;
+    if (!mergeImage(tiles, image, out)) return refuse({(out / image).string() + " cannot be written"});
     written.push_back(image);
     if (isFloatImage(image)) {
       const std::string png = writeDisplayPng((out / image).string(), 2.2f);
       if (!png.empty()) written.push_back(fs::path(png).filename().string());
     }
   }
-  if (!problems.empty()) return refuse(problems);
   std::cout << "quazel: merged " << tiles.size() << " tiles into " << fs::absolute(out).string() << "/" << std::endl;
   for (const std::string& name : written) std::cout << "  " << name << std::endl;
   return 0;
