@@ -126,9 +126,9 @@ int runRender(RenderOptions options) {
   if (!options.output.empty()) {
     const std::string problem = prepareOutputFolder(options.output);
     if (!problem.empty()) return fail(problem);
-    // A record left by an earlier run must not vouch for this one until it ends.
-    fs::remove(fs::path(options.output) / tileRecordName, error);
   }
+  // A record left by an earlier run must not vouch for this one until it ends.
+  if (options.tile_count > 0) fs::remove(fs::path(options.output.empty() ? "." : options.output) / tileRecordName, error);
   if (options.scene.empty()) {
     options.scene = exampleScene().string();
     if (options.scene.empty()) {
