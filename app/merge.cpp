@@ -25,8 +25,8 @@ struct Tile {
 };
 
 std::string name(const Tile& tile) {
-  return "tile " + std::to_string(tile.record.index) + " of " + std::to_string(tile.record.count) + " (" +
-         tile.folder + ")";
+  return "tile " + std::to_string(tile.record.index) + " of " + std::to_string(tile.record.count) + " (" + tile.folder +
+         ")";
 }
 
 // Image files by extension, less the display copies of float images, which the
@@ -90,8 +90,8 @@ void checkFit(const std::vector<Tile>& tiles, std::vector<std::string>& problems
       continue;
     }
     if (const Tile* twin = byIndex[size_t(b.index)]) {
-      problems.push_back(twin->folder + " and " + tile.folder + " both hold tile " + std::to_string(b.index) +
-                         " of " + std::to_string(b.count));
+      problems.push_back(twin->folder + " and " + tile.folder + " both hold tile " + std::to_string(b.index) + " of " +
+                         std::to_string(b.count));
       continue;
     }
     for (const Tile* other : byIndex)
@@ -101,7 +101,8 @@ void checkFit(const std::vector<Tile>& tiles, std::vector<std::string>& problems
     covered += area(b.pixels);
   }
   for (int i = 1; i <= a.count; ++i)
-    if (!byIndex[size_t(i)]) problems.push_back("tile " + std::to_string(i) + " of " + std::to_string(a.count) + " is missing");
+    if (!byIndex[size_t(i)])
+      problems.push_back("tile " + std::to_string(i) + " of " + std::to_string(a.count) + " is missing");
   if (problems.empty() && covered != area(a.region)) problems.push_back("the tiles do not cover their region exactly");
 
   std::set<std::string> all;
@@ -184,8 +185,10 @@ int mergeTiles(const MergeOptions& options) {
     Tile tile;
     if (readTile(folder, tile, problems)) tiles.push_back(std::move(tile));
   }
-  if (!tiles.empty()) checkFit(tiles, problems);
-  else if (problems.empty()) problems.push_back("no tile folder was given");
+  if (!tiles.empty())
+    checkFit(tiles, problems);
+  else if (problems.empty())
+    problems.push_back("no tile folder was given");
   if (problems.empty()) checkImages(tiles, problems);
   if (!problems.empty()) return refuse(problems);
 

@@ -122,8 +122,10 @@ void parseMerge(Arguments& args, CommandLine& line) {
     }
   }
   if (!args.error.empty() || line.kind == CommandLine::help) return;
-  if (options.output.empty()) args.error = "merge needs -o OUT_DIR";
-  else if (options.tiles.empty()) args.error = "merge needs at least one tile folder";
+  if (options.output.empty())
+    args.error = "merge needs -o OUT_DIR";
+  else if (options.tiles.empty())
+    args.error = "merge needs at least one tile folder";
 }
 }  // namespace
 

@@ -20,8 +20,8 @@ namespace {
 fs::path exampleScene() {
   std::error_code error;
   const fs::path binary = fs::read_symlink("/proc/self/exe", error).parent_path();
-  for (const fs::path& candidate : {binary / ".." / "scenes" / "bunny", binary / "scenes" / "bunny",
-                                    fs::current_path(error) / "scenes" / "bunny"})
+  for (const fs::path& candidate :
+       {binary / ".." / "scenes" / "bunny", binary / "scenes" / "bunny", fs::current_path(error) / "scenes" / "bunny"})
     if (fs::is_directory(candidate, error)) return fs::weakly_canonical(candidate, error);
   return {};
 }
@@ -64,7 +64,8 @@ std::string applyOptions(const RenderOptions& options, TileRecord& tile) {
   if (!options.has_region && !tiled && !options.samples && !options.width) return "";
   int width = 0, height = 0;
   PixelRect region;
-  if (!qzGetCameraResolution(0, &width, &height) || !qzGetCameraRegion(0, &region.x0, &region.y0, &region.x1, &region.y1))
+  if (!qzGetCameraResolution(0, &width, &height) ||
+      !qzGetCameraRegion(0, &region.x0, &region.y0, &region.x1, &region.y1))
     return "the scene has no camera for the options to apply to";
   if (options.width) {
     width = options.width, height = options.height;
@@ -80,11 +81,16 @@ std::string applyOptions(const RenderOptions& options, TileRecord& tile) {
   }
   if (tiled) {
     const int rows = region.y1 - region.y0;
-    if (area(region) <= 0) return "--tile: the camera's region " + text(region) + " holds no pixel of the " + size + " image";
+    if (area(region) <= 0)
+      return "--tile: the camera's region " + text(region) + " holds no pixel of the " + size + " image";
     if (rows < options.tile_count)
       return "--tile " + std::to_string(options.tile_index) + "/" + std::to_string(options.tile_count) +
              ": the region has only " + std::to_string(rows) + " rows, one tile needs at least one";
-    tile = {options.tile_index, options.tile_count, width, height, region,
+    tile = {options.tile_index,
+            options.tile_count,
+            width,
+            height,
+            region,
             tileBand(region, options.tile_index, options.tile_count)};
     region = tile.pixels;
   }
@@ -128,7 +134,8 @@ int runRender(RenderOptions options) {
     if (!problem.empty()) return fail(problem);
   }
   // A record left by an earlier run must not vouch for this one until it ends.
-  if (options.tile_count > 0) fs::remove(fs::path(options.output.empty() ? "." : options.output) / tileRecordName, error);
+  if (options.tile_count > 0)
+    fs::remove(fs::path(options.output.empty() ? "." : options.output) / tileRecordName, error);
   if (options.scene.empty()) {
     options.scene = exampleScene().string();
     if (options.scene.empty()) {

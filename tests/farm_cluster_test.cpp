@@ -58,15 +58,19 @@ struct LocalCluster {
     std::ifstream file(log);
     std::stringstream text;
     text << file.rdbuf();
-    if (run.status == 0) folder = run.out.substr(0, run.out.find('\n'));
-    else reason = text.str().empty() ? "local-cluster.sh failed" : text.str();
+    if (run.status == 0)
+      folder = run.out.substr(0, run.out.find('\n'));
+    else
+      reason = text.str().empty() ? "local-cluster.sh failed" : text.str();
   }
   void stop() {
     if (!folder.empty()) shell("bash " + quote(source + "/scripts/farm/local-cluster.sh") + " stop " + quote(folder));
     folder.clear();
   }
   // A Slurm command line aimed at this cluster.
-  Outcome slurm(const std::string& command) const { return shell("SLURM_CONF=" + quote(folder + "/slurm.conf") + " " + command); }
+  Outcome slurm(const std::string& command) const {
+    return shell("SLURM_CONF=" + quote(folder + "/slurm.conf") + " " + command);
+  }
 };
 
 LocalCluster cluster;
@@ -99,7 +103,8 @@ std::map<std::string, std::string> jobStates(const std::string& id) {
   for (std::string line; std::getline(lines, line);) {
     auto field = [&](const std::string& key) {
       const size_t at = line.find(" " + key + "=");
-      return at == std::string::npos ? std::string() : line.substr(at + key.size() + 2, line.find(' ', at + 1) - at - key.size() - 2);
+      return at == std::string::npos ? std::string()
+                                     : line.substr(at + key.size() + 2, line.find(' ', at + 1) - at - key.size() - 2);
     };
     states[field("ArrayTaskId")] = field("JobState");
   }
@@ -148,8 +153,10 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
 class FarmCluster : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    if (geteuid() != 0) cluster.reason = "the local cluster's daemons need root";
-    else cluster.start();
+    if (geteuid() != 0)
+      cluster.reason = "the local cluster's daemons need root";
+    else
+      cluster.start();
   }
   static void TearDownTestSuite() { cluster.stop(); }
   void SetUp() override {
@@ -162,7 +169,10 @@ class FarmCluster : public testing::Test {
 TEST_F(FarmCluster, FourTilesMergeIntoTheFrameOfASingleRender) {
   const std::string work = scratchFolder("farm-cluster-frame");
   auto start = std::chrono::steady_clock::now();
-  ASSERT_EQ(shell(quote(binary) + " " + renderOptions + " -o " + quote(work + "/single") + " " + quote(scene) + " >/dev/null").status, 0);
+  ASSERT_EQ(
+      shell(quote(binary) + " " + renderOptions + " -o " + quote(work + "/single") + " " + quote(scene) + " >/dev/null")
+          .status,
+      0);
   const double single = secondsSince(start);
 
   start = std::chrono::steady_clock::now();
@@ -225,9 +235,9 @@ TEST_F(FarmCluster, AFailedTileStopsTheMergeUntilItIsRenderedAgain) {
   EXPECT_FALSE(fs::exists(out + "/frame"));
 
   // Merged by hand, the three tiles are refused, with the missing one named.
-  const Outcome refused = shell(quote(binary) + " merge -o " + quote(out + "/frame") + " " + quote(out + "/tile-1") + " " +
-                                quote(out + "/tile-2") + " " + quote(out + "/tile-3") + " " + quote(out + "/tile-4") +
-                                " 2>&1");
+  const Outcome refused =
+      shell(quote(binary) + " merge -o " + quote(out + "/frame") + " " + quote(out + "/tile-1") + " " +
+            quote(out + "/tile-2") + " " + quote(out + "/tile-3") + " " + quote(out + "/tile-4") + " 2>&1");
   EXPECT_EQ(refused.status, 2);
   EXPECT_NE(refused.out.find(out + "/tile-3: no such tile folder"), std::string::npos) << refused.out;
   EXPECT_NE(refused.out.find("tile 3 of 4 is missing"), std::string::npos) << refused.out;

@@ -76,9 +76,8 @@ TileRecord band(int index, int count, int width, int height, const PixelRect& re
 }  // namespace
 
 TEST(FarmOptions, ReadsEveryOptionAndRefusesBadValues) {
-  const CommandLine line =
-      parse({"-o", "out", "--region", "1", "2", "30", "40", "--tile", "3/8", "--samples", "9", "--resolution", "64",
-             "48", "--preview", "scene"});
+  const CommandLine line = parse({"-o", "out", "--region", "1", "2", "30", "40", "--tile", "3/8", "--samples", "9",
+                                  "--resolution", "64", "48", "--preview", "scene"});
   ASSERT_EQ(line.error, "");
   EXPECT_EQ(line.kind, CommandLine::render);
   const RenderOptions& o = line.render_options;
@@ -169,7 +168,8 @@ TEST(FarmTiling, RecordsRoundTripAndDamagedOnesAreRefused) {
 
   const std::string good = formatTileRecord(record);
   for (const std::string& damaged :
-       {good.substr(0, good.size() / 2), good + "extra\n", std::string("tile 4 of 3\nframe 64 48\nregion 0 0 64 48\npixels 0 0 64 1\n"),
+       {good.substr(0, good.size() / 2), good + "extra\n",
+        std::string("tile 4 of 3\nframe 64 48\nregion 0 0 64 48\npixels 0 0 64 1\n"),
         std::string("tile 1 of 3\nframe 64 48\nregion 0 0 64 48\npixels 0 40 64 50\n"),
         std::string("tile 1 of 3\nframe 64 48\nregion 0 0 80 48\npixels 0 0 64 10\n"),
         std::string("tile 1 of 3\nframe 64 48\nregion 0 0 64 48\npixels 0 5 64 5\n"), std::string()}) {
