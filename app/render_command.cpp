@@ -86,13 +86,9 @@ std::string applyOptions(const RenderOptions& options, TileRecord& tile) {
     if (rows < options.tile_count)
       return "--tile " + std::to_string(options.tile_index) + "/" + std::to_string(options.tile_count) +
              ": the region has only " + std::to_string(rows) + " rows, one tile needs at least one";
-    tile = {options.tile_index,
-            options.tile_count,
-            width,
-            height,
-            region,
-            tileBand(region, options.tile_index, options.tile_count)};
-    region = tile.pixels;
+    const PixelRect band = tileBand(region, options.tile_index, options.tile_count);
+    tile = {options.tile_index, options.tile_count, width, height, region, band};
+    region = band;
   }
   if (options.has_region || tiled) qzSetCameraRegion(0, region.x0, region.y0, region.x1, region.y1);
   if (options.samples) qzSetCameraSample(0, options.samples);
