@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -76,7 +77,8 @@ std::string size(int width, int height) { return std::to_string(width) + "x" + s
 void checkFit(const std::vector<Tile>& tiles, std::vector<std::string>& problems) {
   const Tile& first = tiles[0];
   const TileRecord& a = first.record;
-  std::vector<const Tile*> byIndex(size_t(a.count) + 1, nullptr);
+  // By index; a map, since a damaged record may claim any number of tiles.
+  std::map<int64_t, const Tile*> byIndex;
   int64_t covered = 0;
   for (const Tile& tile : tiles) {
     const TileRecord& b = tile.record;
@@ -89,20 +91,27 @@ void checkFit(const std::vector<Tile>& tiles, std::vector<std::string>& problems
                          size(a.width, a.height) + " one, or their regions differ");
       continue;
     }
-    if (const Tile* twin = byIndex[size_t(b.index)]) {
-      problems.push_back(twin->folder + " and " + tile.folder + " both hold tile " + std::to_string(b.index) + " of " +
-                         std::to_string(b.count));
+    if (byIndex.count(b.index)) {
+      problems.push_back(byIndex[b.index]->folder + " and " + tile.folder + " both hold tile " +
+                         std::to_string(b.index) + " of " + std::to_string(b.count));
       continue;
     }
-    for (const Tile* other : byIndex)
-      if (other && overlap(other->record.pixels, b.pixels))
+    for (const auto& [index, other] : byIndex)
+      if (overlap(other->record.pixels, b.pixels))
         problems.push_back(name(*other) + " and " + name(tile) + " rendered the same pixels");
-    byIndex[size_t(b.index)] = &tile;
+    byIndex[b.index] = &tile;
     covered += area(b.pixels);
   }
-  for (int i = 1; i <= a.count; ++i)
-    if (!byIndex[size_t(i)])
-      problems.push_back("tile " + std::to_string(i) + " of " + std::to_string(a.count) + " is missing");
+  // The gaps between the tiles present, as runs of missing ones.
+  int64_t next = 1;
+  byIndex[int64_t(a.count) + 1] = nullptr;
+  for (const auto& [index, tile] : byIndex) {
+    const std::string of = " of " + std::to_string(a.count);
+    if (index == next + 1) problems.push_back("tile " + std::to_string(next) + of + " is missing");
+    if (index > next + 1)
+      problems.push_back("tiles " + std::to_string(next) + " to " + std::to_string(index - 1) + of + " are missing");
+    next = index + 1;
+  }
   if (problems.empty() && covered != area(a.region)) problems.push_back("the tiles do not cover their region exactly");
 
   std::set<std::string> all;

@@ -243,6 +243,7 @@ TEST(FarmMerge, RefusesTilesThatDoNotFitAndWritesNothing) {
 
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"a1", "a2"}, "tile 3 of 3 is missing"},
+      {{"a3"}, "tiles 1 to 2 of 3 are missing"},
       {{"a1", "a2", "unfinished"}, "unfinished holds no finished tile: quazel-tile.txt is missing"},
       {{"a1", "a2", "gone"}, "gone: no such tile folder"},
       {{"a1", "a2", "b2", "a3"}, "both hold tile 2 of 3"},
