@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <cmath>
 
+bool isFloatImage(const std::string& name) {
+  return name.ends_with(".hdr") || name.ends_with(".pfm") || name.ends_with(".exr");
+}
+
 std::string writeDisplayPng(const std::string& path, float gamma) {
   FreeImage_Initialise(FALSE);
   std::string result;
@@ -16,7 +20,9 @@ std::string writeDisplayPng(const std::string& path, float gamma) {
     for (unsigned y = 0; y < height; ++y) {
       const FIRGBF* in = reinterpret_cast<const FIRGBF*>(FreeImage_GetScanLine(rgb, int(y)));
       BYTE* out = FreeImage_GetScanLine(png, int(y));
-      auto toByte = [gamma](float v) { return BYTE(std::clamp(std::pow(std::max(v, 0.0f), 1 / gamma), 0.0f, 1.0f) * 255 + 0.5f); };
+      auto toByte = [gamma](float v) {
+        return BYTE(std::clamp(std::pow(std::max(v, 0.0f), 1 / gamma), 0.0f, 1.0f) * 255 + 0.5f);
+      };
       for (unsigned x = 0; x < width; ++x) {
         out[x * 3 + FI_RGBA_RED] = toByte(in[x].red);
         out[x * 3 + FI_RGBA_GREEN] = toByte(in[x].green);

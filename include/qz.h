@@ -97,6 +97,9 @@ QZ_API void qzSetCameraTarget(int camera, float x, float y, float z);
 QZ_API void qzSetCameraUpVector(int camera, float x, float y, float z);
 QZ_API void qzSetCameraFOV(int camera, float fov);
 QZ_API void qzSetCameraBokeh(int camera, float bokeh);
+/* Read back as stored, before preparation clamps them; false when there is no such camera */
+QZ_API bool qzGetCameraResolution(int camera, int* width, int* height);
+QZ_API bool qzGetCameraRegion(int camera, int* x0, int* y0, int* x1, int* y1);
 
 /* Camera AOVs: element 0 of a camera is its beauty image */
 QZ_API int qzAddCameraAOV(int camera);

@@ -122,6 +122,18 @@ void qzSetCameraRegion(int camera, int x0, int y0, int x1, int y1) {
   if (Camera* c = findCamera(camera)) c->region = {x0, x1, y1, y0};
 }
 
+bool qzGetCameraResolution(int camera, int* width, int* height) {
+  const Camera* c = findCamera(camera);
+  if (c) *width = c->width, *height = c->height;
+  return c;
+}
+
+bool qzGetCameraRegion(int camera, int* x0, int* y0, int* x1, int* y1) {
+  const Camera* c = findCamera(camera);
+  if (c) *x0 = c->region.min_x, *y0 = c->region.min_y, *x1 = c->region.max_x, *y1 = c->region.max_y;
+  return c;
+}
+
 void qzSetCameraExposure(int camera, float r, float g, float b) {
   if (Camera* c = findCamera(camera)) c->exposure = {r, g, b};
 }

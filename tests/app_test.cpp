@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -98,7 +99,7 @@ TEST(QuazelCommand, HelpMissingDirectoryAndStrayArguments) {
   const std::string work = scratchFolder("app-arguments");
   Outcome run = quazel(work, "--help");
   EXPECT_EQ(run.status, 0);
-  EXPECT_TRUE(run.out.starts_with("usage: quazel [--preview] [SCENE_DIR]")) << run.out;
+  EXPECT_TRUE(run.out.starts_with("usage: quazel [OPTIONS] [SCENE_DIR]")) << run.out;
   run = quazel(work, "no-such-scene");
   EXPECT_NE(run.status, 0);
   EXPECT_NE(run.err.find("no-such-scene"), std::string::npos) << run.err;
@@ -113,4 +114,82 @@ TEST(QuazelCommand, HelpMissingDirectoryAndStrayArguments) {
   EXPECT_NE(run.status, 0);
   EXPECT_NE(run.err.find("--fast"), std::string::npos) << run.err;
   EXPECT_TRUE(beautyFiles(work).empty());
+}
+
+TEST(QuazelCommand, FarmOptionsRefuseBadValuesBeforeAnythingRenders) {
+  const std::string work = scratchFolder("app-farm-refusals");
+  writeSceneFile(work + "/scene/camera", "camera.qz", stillCamera("  resolution 64 32\n  sample 2\n"));
+  std::ofstream(work + "/blocker") << "a file where a folder should be";
+  const std::pair<std::string, std::string> cases[] = {
+      {"--tile 5/4 scene", "quazel: --tile 5/4: the tile index must be 1 to 4"},
+      {"--tile 1/0 scene", "quazel: --tile 1/0: the number of tiles must be at least 1"},
+      {"--region 0 0 65 10 scene", "quazel: --region 0 0 65 10 lies outside the 64x32 image"},
+      {"--resolution 8 8 --region 0 0 8 9 scene", "quazel: --region 0 0 8 9 lies outside the 8x8 image"},
+      {"--tile 1/33 scene", "quazel: --tile 1/33: the region has only 32 rows"},
+      {"-o blocker/out scene", "quazel: -o blocker/out: the folder cannot be made"},
+      {"--samples 0 scene", "quazel: --samples must be at least 1"},
+  };
+  for (const auto& [arguments, message] : cases) {
+    const Outcome run = quazel(work, arguments);
+    EXPECT_EQ(run.status, 2) << arguments;
+    EXPECT_TRUE(run.err.starts_with(message)) << arguments << "\n" << run.err;
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    EXPECT_EQ(run.out.find("rendering time"), std::string::npos) << run.out;
+  }
+  EXPECT_TRUE(beautyFiles(work).empty());
+}
+
+TEST(QuazelCommand, TilesRenderTheirBandsIntoFoldersAndMergeIntoTheFrame) {
+  const std::string work = scratchFolder("app-farm-tiles");
+  // A grey sky everywhere: every rendered pixel is lit, every other one black.
+  writeSceneFile(work + "/scene/camera", "camera.qz", stillCamera("  resolution 64 32\n  sample 9\n"));
+  writeSceneFile(work + "/scene/light", "sky.qz", "sky_light\n  color 0.5 0.5 0.5\nend\n");
+  const int width = 256, height = 128;
+  auto loadFloats = [](const std::string& path) {
+    Image image;
+    image.name = path;
+    image.packFloats = 0;
+    imageSearchPaths = {""};
+    quietStartup();
+    captureOutput([&] { loadImage(image); });
+    return image;
+  };
+  auto lit = [&](const Image& image, int x, int y) { return image.floats[size_t(y * width + x) * 3] > 0; };
+  std::string tiles;
+  for (int i = 1; i <= 3; ++i) {
+    const std::string folder = "out/tile-" + std::to_string(i);
+    const Outcome run =
+        quazel(work, "--tile " + std::to_string(i) + "/3 --resolution 256 128 --samples 2 -o " + folder + " scene");
+    ASSERT_EQ(run.status, 0) << run.out << run.err;
+    // Two passes, and framebuffers of the overriding size: 256 x 128 x 12 bytes.
+    EXPECT_NE(run.out.find(" 50[%]"), std::string::npos) << run.out;
+    EXPECT_EQ(run.out.find(" 25[%]"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("framebuffers      0.375 [M bytes]"), std::string::npos) << run.out;
+    EXPECT_EQ(slurp(work + "/" + folder + "/quazel-tile.txt"),
+              "tile " + std::to_string(i) + " of 3\nframe 256 128\nregion 0 0 256 128\npixels 0 " +
+                  std::to_string((i - 1) * 128 / 3) + " 256 " + std::to_string(i * 128 / 3) + "\n");
+    // The time-stamped default name would differ from tile to tile.
+    const Image beauty = loadFloats(work + "/" + folder + "/beauty.hdr");
+    ASSERT_EQ(beauty.width, width);
+    ASSERT_EQ(beauty.height, height);
+    EXPECT_TRUE(fs::exists(work + "/" + folder + "/beauty.png"));
+    for (int y = 0; y < height; ++y)
+      ASSERT_EQ(lit(beauty, 100, y), y >= (i - 1) * 128 / 3 && y < i * 128 / 3) << "tile " << i << " row " << y;
+    tiles += " " + folder;
+  }
+  EXPECT_TRUE(beautyFiles(work).empty());
+  const Outcome merged = quazel(work, "merge -o out/frame" + tiles);
+  ASSERT_EQ(merged.status, 0) << merged.err;
+  EXPECT_EQ(merged.out, "quazel: merged 3 tiles into " + work + "/out/frame/\n  beauty.hdr\n  beauty.png\n");
+  const Image frame = loadFloats(work + "/out/frame/beauty.hdr");
+  std::vector<Image> parts;
+  for (int i = 1; i <= 3; ++i) parts.push_back(loadFloats(work + "/out/tile-" + std::to_string(i) + "/beauty.hdr"));
+  for (int y = 0; y < height; ++y) {
+    const Image& tile = parts[size_t(y < 128 / 3 ? 0 : y < 256 / 3 ? 1 : 2)];
+    for (int x = 0; x < width; ++x) {
+      ASSERT_TRUE(lit(frame, x, y)) << x << "," << y;
+      const size_t p = size_t(y * width + x) * 3;
+      ASSERT_EQ(std::memcmp(&frame.floats[p], &tile.floats[p], 12), 0) << x << "," << y;
+    }
+  }
 }

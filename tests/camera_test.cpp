@@ -4,6 +4,7 @@
 #include <cmath>
 #include <set>
 #include <sstream>
+#include <vector>
 
 #include "frame/renderer.h"
 #include "output/camera.h"
@@ -102,6 +103,14 @@ TEST_F(CameraTest, PreparationClampsSampleAndRegionAndReportsFramebuffers) {
   qzSetCameraResolution(b, 16, 8);
   qzSetCameraRegion(b, -5, -5, 100, 100);
   qzSetCameraSample(b, 100000);
+  // Read back as stored: preparation has not clamped anything yet.
+  int v[4];
+  ASSERT_TRUE(qzGetCameraRegion(b, &v[0], &v[1], &v[2], &v[3]));
+  EXPECT_EQ(std::vector<int>(v, v + 4), (std::vector<int>{-5, -5, 100, 100}));
+  ASSERT_TRUE(qzGetCameraResolution(b, &v[0], &v[1]));
+  EXPECT_EQ(std::vector<int>(v, v + 2), (std::vector<int>{16, 8}));
+  EXPECT_FALSE(qzGetCameraResolution(b + 1, &v[0], &v[1]));
+  EXPECT_FALSE(qzGetCameraRegion(-1, &v[0], &v[1], &v[2], &v[3]));
   const std::string text = captureOutput([] { qzInitializeCameras(); });
   // Both cameras report, each its own AOVs at 12 bytes a pixel.
   const std::string rule = std::string(80, '_') + "\n\n";
