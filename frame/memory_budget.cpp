@@ -8,7 +8,7 @@ double physicalMemory() {
   // A system that will not say is given the benefit of the doubt.
   return pages > 0 && pageSize > 0 ? double(pages) * double(pageSize) : 1e300;
 }
-} // namespace
+}  // namespace
 
 bool fitsInMemory(double bytes) {
   static const double limit = physicalMemory();

@@ -7,7 +7,7 @@
 #include <string>
 
 // Created on first use, removed when the process ends.
-const std::string &scratchFolder();
-void writeFile(const std::string &path, const uint8_t *data, size_t size);
+const std::string& scratchFolder();
+void writeFile(const std::string& path, const uint8_t* data, size_t size);
 // Standard output goes to /dev/null; the fuzzer talks on standard error.
 void muteReport();

@@ -8,7 +8,7 @@
 #include "qz.h"
 #include "shading/shader.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
   muteReport();
   qzStartup();
   // Smoothing runs only where a face's shader asks for it.
@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string path = scratchFolder() + "/mesh.obj";
   writeFile(path, data, size);
   Object object;

@@ -24,8 +24,7 @@ std::array<std::vector<uint32_t>, weldBucketCount> weldBuckets;
 std::vector<uint16_t> weldBucketsInUse;
 
 // One corner of a face line; 0 is an absent index, since OBJ counts from 1.
-// After conversion an index is a position in the reader's array, -1 when
-// absent.
+// After conversion an index is a position in the reader's array, -1 when absent.
 struct Corner {
   int64_t position = 0, coordinate = 0, normal = 0;
 };
@@ -42,26 +41,24 @@ uint32_t floatBits(float f) {
 }
 
 template <typename T>
-const T *entry(const std::vector<T> &array, int64_t index) {
-  return index >= 0 && index < int64_t(array.size()) ? &array[size_t(index)]
-                                                     : nullptr;
+const T* entry(const std::vector<T>& array, int64_t index) {
+  return index >= 0 && index < int64_t(array.size()) ? &array[size_t(index)] : nullptr;
 }
 
-const char *skipBlanks(const char *s) {
-  while (*s == ' ' || *s == '\t')
-    ++s;
+const char* skipBlanks(const char* s) {
+  while (*s == ' ' || *s == '\t') ++s;
   return s;
 }
 
 // The line's keyword is `word`, followed by a space or a tab.
-bool isKeyword(const char *s, const char *word) {
+bool isKeyword(const char* s, const char* word) {
   const size_t n = std::strlen(word);
   return std::strncmp(s, word, n) == 0 && (s[n] == ' ' || s[n] == '\t');
 }
 
 bool endOfLine(char c) { return c == '\0' || c == '\n' || c == '\r'; }
 
-float readFloat(const char *&s) {
+float readFloat(const char*& s) {
   s = skipBlanks(s);
   const float value = std::strtof(s, nullptr);
   s += std::strcspn(s, " \t\r");
@@ -70,62 +67,48 @@ float readFloat(const char *&s) {
 
 // Read as an integer, then skipped to the next separator. Huge values are held
 // to 32 bits so that index arithmetic cannot overflow; they stay out of range.
-int64_t readIndex(const char *&s) {
-  const int64_t value =
-      std::clamp<long long>(std::strtoll(s, nullptr, 10), INT_MIN, INT_MAX);
+int64_t readIndex(const char*& s) {
+  const int64_t value = std::clamp<long long>(std::strtoll(s, nullptr, 10), INT_MIN, INT_MAX);
   s += std::strcspn(s, "/ \t\r");
   return value;
 }
 
 int64_t convertIndex(int64_t index, int64_t start, int64_t current) {
-  if (index > 0)
-    return index - 1 + start;
-  if (index < 0)
-    return current + index;
+  if (index > 0) return index - 1 + start;
+  if (index < 0) return current + index;
   return -1;
 }
 
 // A triangle (3 corners) or tetragon (4 corners) of converted indices.
-void addFace(ObjReader &reader, const Corner *corners, int count,
-             uint32_t shader) {
+void addFace(ObjReader& reader, const Corner* corners, int count, uint32_t shader) {
   Vec3f p[4];
   for (int i = 0; i < count; ++i) {
-    const Vec3f *position = entry(reader.positions, corners[i].position);
-    if (!position)
-      return; // beyond the file's positions: nothing sensible to read
+    const Vec3f* position = entry(reader.positions, corners[i].position);
+    if (!position) return;  // beyond the file's positions: nothing sensible to read
     p[i] = *position;
   }
-  if (count == 3 ? p[0] == p[1] || p[1] == p[2] || p[0] == p[2]
-                 : p[0] == p[2] || p[1] == p[3])
-    return;
+  if (count == 3 ? p[0] == p[1] || p[1] == p[2] || p[0] == p[2] : p[0] == p[2] || p[1] == p[3]) return;
   uint32_t normalWords[4] = {}, tangentWords[4] = {};
   if (!reader.normals.empty()) {
-    // Given normals are turned to agree with the winding when they all
-    // disagree.
-    const Vec3f geometric =
-        normalize(count == 3 ? cross(p[1] - p[0], p[2] - p[0])
-                             : cross(p[2] - p[0], p[3] - p[1]));
-    const Vec3f *given[4] = {};
+    // Given normals are turned to agree with the winding when they all disagree.
+    const Vec3f geometric = normalize(count == 3 ? cross(p[1] - p[0], p[2] - p[0]) : cross(p[2] - p[0], p[3] - p[1]));
+    const Vec3f* given[4] = {};
     bool allBehind = true;
     for (int i = 0; i < count; ++i) {
       given[i] = entry(reader.normals, corners[i].normal);
-      if (!(given[i] && dot(*given[i], geometric) < 0))
-        allBehind = false;
+      if (!(given[i] && dot(*given[i], geometric) < 0)) allBehind = false;
     }
     for (int i = 0; i < count; ++i)
-      if (given[i])
-        normalWords[i] = packUnitVector(allBehind ? -*given[i] : *given[i]);
+      if (given[i]) normalWords[i] = packUnitVector(allBehind ? -*given[i] : *given[i]);
   }
   // Tangents come from callers only, and share the index of the normal.
   if (!reader.tangents.empty())
     for (int i = 0; i < count; ++i)
-      if (const Vec3f *tangent = entry(reader.tangents, corners[i].normal))
-        tangentWords[i] = packUnitVector(*tangent);
+      if (const Vec3f* tangent = entry(reader.tangents, corners[i].normal)) tangentWords[i] = packUnitVector(*tangent);
   uint32_t v[4];
   for (int i = 0; i < count; ++i) {
-    const FloatPair *uv = entry(reader.coordinates, corners[i].coordinate);
-    v[i] = weldVertex(*reader.mesh, p[i], uv ? *uv : FloatPair{},
-                      normalWords[i], tangentWords[i]);
+    const FloatPair* uv = entry(reader.coordinates, corners[i].coordinate);
+    v[i] = weldVertex(*reader.mesh, p[i], uv ? *uv : FloatPair{}, normalWords[i], tangentWords[i]);
   }
   if (count == 3)
     reader.mesh->triangles.push_back({v[0], v[1], v[2], shader});
@@ -133,17 +116,15 @@ void addFace(ObjReader &reader, const Corner *corners, int count,
     reader.mesh->tetragons.push_back({v[0], v[1], v[2], v[3], shader});
 }
 
-void addQuadrangle(ObjReader &reader, const Corner *c, uint32_t shader) {
-  // With a corner repeated, the last equal pair of this table picks the
-  // triangle.
+void addQuadrangle(ObjReader& reader, const Corner* c, uint32_t shader) {
+  // With a corner repeated, the last equal pair of this table picks the triangle.
   static const struct {
     int a, b, kept[3];
   } degenerate[] = {{0, 1, {0, 2, 3}}, {0, 2, {0, 1, 3}}, {0, 3, {0, 1, 2}},
                     {1, 2, {0, 1, 3}}, {1, 3, {0, 1, 2}}, {2, 3, {0, 1, 2}}};
-  const int *kept = nullptr;
-  for (const auto &pair : degenerate)
-    if (c[pair.a].position == c[pair.b].position)
-      kept = pair.kept;
+  const int* kept = nullptr;
+  for (const auto& pair : degenerate)
+    if (c[pair.a].position == c[pair.b].position) kept = pair.kept;
   if (kept) {
     if (!reader.warnedQuadrangle) {
       printWarning("object - there are degenerated quadrangles");
@@ -156,13 +137,11 @@ void addQuadrangle(ObjReader &reader, const Corner *c, uint32_t shader) {
   }
   Vec3f p[4];
   for (int i = 0; i < 4; ++i) {
-    const Vec3f *position = entry(reader.positions, c[i].position);
-    if (!position)
-      return;
+    const Vec3f* position = entry(reader.positions, c[i].position);
+    if (!position) return;
     p[i] = *position;
   }
-  // Only true rectangles stay tetragons; the rest is cut from corner 2 to
-  // corner 0.
+  // Only true rectangles stay tetragons; the rest is cut from corner 2 to corner 0.
   if (isPlanar(p) && isRectangular(p)) {
     addFace(reader, c, 4, shader);
     return;
@@ -172,8 +151,7 @@ void addQuadrangle(ObjReader &reader, const Corner *c, uint32_t shader) {
   addFace(reader, second, 3, shader);
 }
 
-void readFace(ObjReader &reader, const char *s, const FileStart &start,
-              uint32_t shader) {
+void readFace(ObjReader& reader, const char* s, const FileStart& start, uint32_t shader) {
   Corner c[8];
   s = skipBlanks(s);
   for (int k = 0; k < 8 && !endOfLine(*s); ++k) {
@@ -181,8 +159,7 @@ void readFace(ObjReader &reader, const char *s, const FileStart &start,
     if (*s == '/') {
       ++s;
       // "a//n" has no coordinate: the second slash skips it.
-      if (*s != '/')
-        c[k].coordinate = readIndex(s);
+      if (*s != '/') c[k].coordinate = readIndex(s);
       if (*s == '/') {
         ++s;
         c[k].normal = readIndex(s);
@@ -192,23 +169,18 @@ void readFace(ObjReader &reader, const char *s, const FileStart &start,
   }
   if (c[4].position != 0) {
     if (!reader.warnedPolygon) {
-      printWarning(
-          "object - please triangulate/quadrangulate the input model(s)");
+      printWarning("object - please triangulate/quadrangulate the input model(s)");
       printRule();
       reader.warnedPolygon = 1;
     }
     return;
   }
-  if (c[3].position == 0 && c[2].position == 0)
-    return;
+  if (c[3].position == 0 && c[2].position == 0) return;
   const bool quadrangle = c[3].position != 0;
-  for (Corner &corner : c) {
-    corner.position = convertIndex(corner.position, start.positions,
-                                   int64_t(reader.positions.size()));
-    corner.coordinate = convertIndex(corner.coordinate, start.coordinates,
-                                     int64_t(reader.coordinates.size()));
-    corner.normal = convertIndex(corner.normal, start.normals,
-                                 int64_t(reader.normals.size()));
+  for (Corner& corner : c) {
+    corner.position = convertIndex(corner.position, start.positions, int64_t(reader.positions.size()));
+    corner.coordinate = convertIndex(corner.coordinate, start.coordinates, int64_t(reader.coordinates.size()));
+    corner.normal = convertIndex(corner.normal, start.normals, int64_t(reader.normals.size()));
   }
   if (!quadrangle)
     addFace(reader, c, 3, shader);
@@ -216,7 +188,7 @@ void readFace(ObjReader &reader, const char *s, const FileStart &start,
     addQuadrangle(reader, c, shader);
 }
 
-uint32_t readMaterial(const char *line) {
+uint32_t readMaterial(const char* line) {
   char first[4097] = "", second[4097] = "";
   std::sscanf(line, "%4096s %4096s", first, second);
   // Vertices are never shared across a material change.
@@ -224,17 +196,15 @@ uint32_t readMaterial(const char *line) {
   return uint32_t(findOrAddShader(second));
 }
 
-FILE *openInSearchFolders(const std::string &name) {
-  for (const std::string &folder : geometrySearchPaths)
-    if (FILE *file = std::fopen(
-            (folder.empty() ? name : folder + "/" + name).c_str(), "r"))
-      return file;
+FILE* openInSearchFolders(const std::string& name) {
+  for (const std::string& folder : geometrySearchPaths)
+    if (FILE* file = std::fopen((folder.empty() ? name : folder + "/" + name).c_str(), "r")) return file;
   return std::fopen(name.c_str(), "r");
 }
 
-} // namespace
+}  // namespace
 
-ObjReader readerFor(Object &object) {
+ObjReader readerFor(Object& object) {
   ObjReader reader;
   reader.particles = &object.particles;
   reader.cylinders = &object.cylinders;
@@ -242,7 +212,7 @@ ObjReader readerFor(Object &object) {
   return reader;
 }
 
-void clearReaderArrays(ObjReader &reader) {
+void clearReaderArrays(ObjReader& reader) {
   std::vector<Vec3f>().swap(reader.positions);
   std::vector<FloatPair>().swap(reader.coordinates);
   std::vector<Vec3f>().swap(reader.tangents);
@@ -250,34 +220,24 @@ void clearReaderArrays(ObjReader &reader) {
 }
 
 void clearWeldTable() {
-  for (uint16_t b : weldBucketsInUse)
-    std::vector<uint32_t>().swap(weldBuckets[b]);
+  for (uint16_t b : weldBucketsInUse) std::vector<uint32_t>().swap(weldBuckets[b]);
   weldBucketsInUse.clear();
 }
 
-uint32_t weldVertex(Mesh &mesh, Vec3f position, FloatPair coordinates,
-                    uint32_t packedNormal, uint32_t packedTangent) {
-  std::vector<Vec3f> &positions = mesh.vectorChannels[0].values;
-  std::vector<FloatPair> &uvs = mesh.pairChannels[0].values;
-  const uint32_t hash = 19347u * floatBits(position.x) +
-                        19353u * floatBits(position.y) +
-                        19361u * floatBits(position.z);
-  std::vector<uint32_t> &bucket = weldBuckets[hash & 0xffff];
-  if (bucket.capacity() == 0)
-    weldBucketsInUse.push_back(uint16_t(hash & 0xffff));
-  // A crowded bucket forgets its vertices: duplicates are allowed, long
-  // searches are not.
-  if (bucket.size() > weldBucketLimit)
-    bucket.clear();
+uint32_t weldVertex(Mesh& mesh, Vec3f position, FloatPair coordinates, uint32_t packedNormal,
+                    uint32_t packedTangent) {
+  std::vector<Vec3f>& positions = mesh.vectorChannels[0].values;
+  std::vector<FloatPair>& uvs = mesh.pairChannels[0].values;
+  const uint32_t hash = 19347u * floatBits(position.x) + 19353u * floatBits(position.y) + 19361u * floatBits(position.z);
+  std::vector<uint32_t>& bucket = weldBuckets[hash & 0xffff];
+  if (bucket.capacity() == 0) weldBucketsInUse.push_back(uint16_t(hash & 0xffff));
+  // A crowded bucket forgets its vertices: duplicates are allowed, long searches are not.
+  if (bucket.size() > weldBucketLimit) bucket.clear();
   for (uint32_t v : bucket) {
-    // The table is global: an entry may come from another mesh and lie beyond
-    // this one.
-    if (v >= positions.size() || v >= uvs.size() || v >= mesh.normals.size() ||
-        v >= mesh.tangents.size())
-      continue;
-    if (positions[v] == position && uvs[v].u == coordinates.u &&
-        uvs[v].v == coordinates.v && mesh.normals[v] == packedNormal &&
-        mesh.tangents[v] == packedTangent)
+    // The table is global: an entry may come from another mesh and lie beyond this one.
+    if (v >= positions.size() || v >= uvs.size() || v >= mesh.normals.size() || v >= mesh.tangents.size()) continue;
+    if (positions[v] == position && uvs[v].u == coordinates.u && uvs[v].v == coordinates.v &&
+        mesh.normals[v] == packedNormal && mesh.tangents[v] == packedTangent)
       return v;
   }
   const uint32_t v = uint32_t(positions.size());
@@ -291,27 +251,22 @@ uint32_t weldVertex(Mesh &mesh, Vec3f position, FloatPair coordinates,
 
 bool isPlanar(const Vec3f corners[4]) {
   Vec3f e[4];
-  for (int i = 0; i < 4; ++i)
-    e[i] = normalize(corners[(i + 1) % 4] - corners[i]);
-  return dot(normalize(cross(e[0], e[1])), normalize(cross(e[2], e[3]))) >
-         0.999999f;
+  for (int i = 0; i < 4; ++i) e[i] = normalize(corners[(i + 1) % 4] - corners[i]);
+  return dot(normalize(cross(e[0], e[1])), normalize(cross(e[2], e[3]))) > 0.999999f;
 }
 
 bool isRectangular(const Vec3f corners[4]) {
   Vec3f e[4];
+  for (int i = 0; i < 4; ++i) e[i] = normalize(corners[(i + 1) % 4] - corners[i]);
   for (int i = 0; i < 4; ++i)
-    e[i] = normalize(corners[(i + 1) % 4] - corners[i]);
-  for (int i = 0; i < 4; ++i)
-    if (!(std::fabs(dot(e[i], e[(i + 1) % 4])) < 1e-6f))
-      return false;
+    if (!(std::fabs(dot(e[i], e[(i + 1) % 4])) < 1e-6f)) return false;
   return true;
 }
 
-void readObjFile(ObjReader &reader, const std::string &path) {
-  const FileStart start{int64_t(reader.positions.size()),
-                        int64_t(reader.coordinates.size()),
+void readObjFile(ObjReader& reader, const std::string& path) {
+  const FileStart start{int64_t(reader.positions.size()), int64_t(reader.coordinates.size()),
                         int64_t(reader.normals.size())};
-  FILE *file = openInSearchFolders(path);
+  FILE* file = openInSearchFolders(path);
   if (!file) {
     printError("object - cannot open " + path);
     printRule();
@@ -320,30 +275,27 @@ void readObjFile(ObjReader &reader, const std::string &path) {
   uint32_t shader = 0;
   char line[4097];
   for (int64_t lines = 0; std::fgets(line, sizeof line, file); ++lines) {
-    if (lines % 1048576 == 0)
-      printRow("scene loading", float(lines / 1048576), "M lines", 3);
+    if (lines % 1048576 == 0) printRow("scene loading", float(lines / 1048576), "M lines", 3);
     if (std::strncmp(line, "usemtl", 6) == 0) {
       shader = readMaterial(line);
       continue;
     }
-    const char *s = skipBlanks(line);
+    const char* s = skipBlanks(line);
     if (isKeyword(s, "v")) {
       s += 1;
       Vec3f p;
-      for (int i = 0; i < 3; ++i)
-        p[i] = readFloat(s);
+      for (int i = 0; i < 3; ++i) p[i] = readFloat(s);
       reader.positions.push_back(p);
     } else if (isKeyword(s, "vn")) {
       s += 2;
       Vec3f n;
-      for (int i = 0; i < 3; ++i)
-        n[i] = readFloat(s);
+      for (int i = 0; i < 3; ++i) n[i] = readFloat(s);
       reader.normals.push_back(n);
     } else if (isKeyword(s, "vt")) {
       s += 2;
       FloatPair uv;
       uv.u = readFloat(s);
-      uv.v = readFloat(s); // a third number is not read
+      uv.v = readFloat(s);  // a third number is not read
       reader.coordinates.push_back(uv);
     } else if (isKeyword(s, "f")) {
       readFace(reader, s + 1, start, shader);
@@ -353,9 +305,8 @@ void readObjFile(ObjReader &reader, const std::string &path) {
   clearReaderArrays(reader);
 }
 
-void qzLoadObject(int object, const char *path) {
-  if (object < 0 || size_t(object) >= objects.size() || !path)
-    return;
+void qzLoadObject(int object, const char* path) {
+  if (object < 0 || size_t(object) >= objects.size() || !path) return;
   ObjReader reader = readerFor(objects[object]);
   readObjFile(reader, path);
 }

@@ -14,7 +14,7 @@
 namespace {
 
 class SmoothMeshTest : public testing::Test {
-protected:
+ protected:
   void SetUp() override { quietStartup(); }
   void TearDown() override { qzFinalizeShaders(); }
 
@@ -25,56 +25,41 @@ protected:
   }
 };
 
-// A unit cube of six outward-facing tetragons; vertex x + 2y + 4z sits at (x,
-// y, z).
+// A unit cube of six outward-facing tetragons; vertex x + 2y + 4z sits at (x, y, z).
 Mesh cube(uint32_t shader) {
   Mesh mesh;
-  for (int v = 0; v < 8; ++v)
-    mesh.worldPositions.push_back(
-        Vec3f(float(v & 1), float(v >> 1 & 1), float(v >> 2)));
-  const uint32_t faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4},
-                                {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
-  for (const auto &f : faces)
-    mesh.tetragons.push_back({f[0], f[1], f[2], f[3], shader});
+  for (int v = 0; v < 8; ++v) mesh.worldPositions.push_back(Vec3f(float(v & 1), float(v >> 1 & 1), float(v >> 2)));
+  const uint32_t faces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4}, {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
+  for (const auto& f : faces) mesh.tetragons.push_back({f[0], f[1], f[2], f[3], shader});
   return mesh;
 }
 
-std::set<uint32_t> distinct(const std::vector<uint32_t> &words) {
-  return {words.begin(), words.end()};
-}
+std::set<uint32_t> distinct(const std::vector<uint32_t>& words) { return {words.begin(), words.end()}; }
 
-bool axisAligned(Vec3f n) {
-  return std::fabs(n.x) + std::fabs(n.y) + std::fabs(n.z) == 1.0f;
-}
+bool axisAligned(Vec3f n) { return std::fabs(n.x) + std::fabs(n.y) + std::fabs(n.z) == 1.0f; }
 
-} // namespace
+}  // namespace
 
 TEST_F(SmoothMeshTest, WeldIsExactComparisonInOrderOfFirstAppearance) {
   // Whole numbers (all low mantissa bits zero), fractions, both zeros, NaN and
   // denormals, each position several times in a shuffled order.
   std::vector<Vec3f> positions;
   for (int x = 0; x < 30; ++x)
-    for (int y = 0; y < 30; ++y)
-      positions.push_back({float(x), float(y), float((x * y) % 4)});
-  for (int i = 0; i < 200; ++i)
-    positions.push_back({i * 0.37f + 0.013f, -i * 1.1f, 1e-40f * float(i % 5)});
+    for (int y = 0; y < 30; ++y) positions.push_back({float(x), float(y), float((x * y) % 4)});
+  for (int i = 0; i < 200; ++i) positions.push_back({i * 0.37f + 0.013f, -i * 1.1f, 1e-40f * float(i % 5)});
   const float nan = std::nanf("");
-  for (Vec3f p : {Vec3f{0, 0, 0}, Vec3f{-0.0f, 0, -0.0f}, Vec3f{nan, 0, 0},
-                  Vec3f{nan, 0, 0}, Vec3f{1, 2, 3}})
+  for (Vec3f p : {Vec3f{0, 0, 0}, Vec3f{-0.0f, 0, -0.0f}, Vec3f{nan, 0, 0}, Vec3f{nan, 0, 0}, Vec3f{1, 2, 3}})
     positions.push_back(p);
   const std::vector<Vec3f> once = positions;
-  for (int copy = 0; copy < 2; ++copy)
-    positions.insert(positions.end(), once.begin(), once.end());
+  for (int copy = 0; copy < 2; ++copy) positions.insert(positions.end(), once.begin(), once.end());
   std::shuffle(positions.begin(), positions.end(), std::mt19937(5));
 
   std::vector<Vec3f> firsts;
   std::vector<uint32_t> expected;
   for (Vec3f p : positions) {
-    auto found = std::find_if(firsts.begin(), firsts.end(),
-                              [&](Vec3f q) { return q == p; });
+    auto found = std::find_if(firsts.begin(), firsts.end(), [&](Vec3f q) { return q == p; });
     expected.push_back(uint32_t(found - firsts.begin()));
-    if (found == firsts.end())
-      firsts.push_back(p);
+    if (found == firsts.end()) firsts.push_back(p);
   }
   uint32_t count = 0;
   EXPECT_EQ(weldPositions(positions, count), expected);
@@ -108,18 +93,17 @@ TEST_F(SmoothMeshTest, NegativeAngleKeepsGivenFramesExactly) {
 
 TEST_F(SmoothMeshTest, SmallAngleSplitsTheCorners) {
   Mesh mesh = cube(uint32_t(shaderWithAngle(30)));
-  mesh.worldPositions.push_back({5, 5, 5}); // used by no face: dropped
+  mesh.worldPositions.push_back({5, 5, 5});  // used by no face: dropped
   smoothMesh(mesh);
   ASSERT_EQ(mesh.worldPositions.size(), 24u);
   ASSERT_EQ(mesh.normals.size(), 24u);
   ASSERT_EQ(mesh.tangents.size(), 24u);
   // Each face has its four vertices, all with the face's own normal.
-  for (const Tetragon &t : mesh.tetragons) {
+  for (const Tetragon& t : mesh.tetragons) {
     EXPECT_EQ(distinct({t.i0, t.i1, t.i2, t.i3}).size(), 4u);
     const uint32_t word = mesh.normals[t.i0];
     EXPECT_TRUE(axisAligned(unpackUnitVector(word)));
-    for (uint32_t v : {t.i1, t.i2, t.i3})
-      EXPECT_EQ(mesh.normals[v], word);
+    for (uint32_t v : {t.i1, t.i2, t.i3}) EXPECT_EQ(mesh.normals[v], word);
   }
   EXPECT_EQ(distinct(mesh.normals).size(), 6u);
 }
@@ -129,30 +113,26 @@ TEST_F(SmoothMeshTest, HalfTurnSharesTheCorners) {
   smoothMesh(mesh);
   ASSERT_EQ(mesh.worldPositions.size(), 8u);
   for (uint32_t v = 0; v < 8; ++v) {
-    // The sum of three unit face normals points away from the centre along the
-    // diagonal.
+    // The sum of three unit face normals points away from the centre along the diagonal.
     const Vec3f away = mesh.worldPositions[v] * 2 - Vec3f(1, 1, 1);
     EXPECT_EQ(mesh.normals[v], packUnitVector(away));
   }
 }
 
 TEST_F(SmoothMeshTest, ChannelsAndAnglesSplitPerFace) {
-  // Two triangles folded along their shared edge by 90 degrees; the second
-  // keeps its given words.
+  // Two triangles folded along their shared edge by 90 degrees; the second keeps its given words.
   Mesh mesh;
   mesh.worldPositions = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
   mesh.pairChannels[0].values = {{0, 0}, {1, 0}, {0, 1}, {0, -1}};
   mesh.scalarChannels.push_back({"weight", {1, 2, 3, 4}});
   mesh.normals.assign(4, 5);
   mesh.tangents.assign(4, 6);
-  const uint32_t smooth = uint32_t(shaderWithAngle(100)),
-                 kept = uint32_t(shaderWithAngle(-1));
+  const uint32_t smooth = uint32_t(shaderWithAngle(100)), kept = uint32_t(shaderWithAngle(-1));
   mesh.triangles = {{0, 1, 2, smooth}, {0, 3, 1, smooth}, {0, 1, 2, kept}};
   smoothMesh(mesh);
-  // Corners 0 and 1 of the smooth faces share one normal between the two
-  // planes. Every face at the position counts in the sum, the third too,
-  // whatever its own angle; but it keeps the words 5 and 6 itself, and so gets
-  // vertices of its own.
+  // Corners 0 and 1 of the smooth faces share one normal between the two planes. Every
+  // face at the position counts in the sum, the third too, whatever its own angle; but
+  // it keeps the words 5 and 6 itself, and so gets vertices of its own.
   EXPECT_EQ(mesh.triangles[0].i0, mesh.triangles[1].i0);
   EXPECT_EQ(mesh.normals[mesh.triangles[0].i0], packUnitVector({0, 1, 2}));
   EXPECT_NE(mesh.triangles[2].i0, mesh.triangles[0].i0);
@@ -179,8 +159,7 @@ TEST_F(SmoothMeshTest, FaceFramesFallBackToABasis) {
   mesh.tangents.assign(3, 0);
   mesh.pairChannels[0].values = {{0, 0}, {0, -1}, {1, 0}};
   EXPECT_EQ(triangleFrame(mesh, t).tangent, Vec3f(0, 1, 0));
-  // The formula leaves out the sign of the mapping: a mirrored uv turns the
-  // tangent round.
+  // The formula leaves out the sign of the mapping: a mirrored uv turns the tangent round.
   mesh.pairChannels[0].values = {{0, 0}, {0, 1}, {1, 0}};
   EXPECT_EQ(triangleFrame(mesh, t).tangent, Vec3f(0, -1, 0));
 }
@@ -189,8 +168,7 @@ TEST_F(SmoothMeshTest, RefreshKeepsAbsentWords) {
   Mesh mesh;
   mesh.worldPositions = {{0, 0, 0}, {1, 0, 0}, {1, 0, 1}, {0, 0, 1}};
   mesh.tetragons = {{0, 1, 2, 3, 0}};
-  mesh.normals = {packUnitVector({0, 0, 1}), packUnitVector({0, 0, 1}),
-                  packUnitVector({0, 0, 1}), 0};
+  mesh.normals = {packUnitVector({0, 0, 1}), packUnitVector({0, 0, 1}), packUnitVector({0, 0, 1}), 0};
   refreshFrames(mesh);
   EXPECT_EQ(mesh.normals[0], packUnitVector({0, -1, 0}));
   EXPECT_EQ(mesh.normals[2], packUnitVector({0, -1, 0}));
