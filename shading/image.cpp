@@ -125,9 +125,9 @@ bool convertBitmap(Image& image, FIBITMAP* bitmap) {
   return height > 0 && imageMemory(image) > 0;
 }
 
-// The FreeImage side of a load, run in the decoding child: true when the file
-// could be read, with `loaded` set when its pixel type converts.
-bool decodeFile(Image& image, const std::string& path) {
+}  // namespace
+
+bool decodeImageFile(Image& image, const std::string& path) {
   const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
   if (format == FIF_UNKNOWN) return false;
   // The header alone first: a size the file cannot hold is refused before any
@@ -148,10 +148,12 @@ bool decodeFile(Image& image, const std::string& path) {
   return true;
 }
 
+namespace {
+
 void loadFile(Image& image, const std::string& path) {
   const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
   const bool readable = format != FIF_UNKNOWN && (format != FIF_HDR || soundRadianceHeader(path)) &&
-                        (format != FIF_EXR || soundOpenExrHeader(path)) && decodeContained(image, path, decodeFile);
+                        (format != FIF_EXR || soundOpenExrHeader(path)) && decodeContained(image, path, decodeImageFile);
   if (!readable) {
     // Found but unreadable: say so, so a missing texture has a reason in the report.
     printError("image - " + image.name + "\tcannot be read");
