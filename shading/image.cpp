@@ -132,7 +132,9 @@ bool decodeImageFile(Image& image, const std::string& path) {
   if (format == FIF_UNKNOWN) return false;
   // The header alone first: a size the file cannot hold is refused before any
   // pixel is allocated.
-  if (FIBITMAP* header = FreeImage_Load(format, path.c_str(), FIF_LOAD_NOPIXELS)) {
+  FIBITMAP* header = FreeImage_FIFSupportsNoPixels(format) ? FreeImage_Load(format, path.c_str(), FIF_LOAD_NOPIXELS)
+                                                            : nullptr;
+  if (header) {
     const double bytes =
         double(FreeImage_GetWidth(header)) * FreeImage_GetHeight(header) * FreeImage_GetBPP(header) / 8;
     FreeImage_Unload(header);

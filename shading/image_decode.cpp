@@ -65,8 +65,9 @@ bool writeAll(int fd, const void* data, size_t size) {
   // A crash must end this process quietly, not run the parent's handlers
   // (a fuzzer's or a sanitizer's) on a copy of its state.
   for (int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) std::signal(signal, SIG_DFL);
+  // The report is the parent's: nothing the decoder or this copy prints belongs in it.
   const int null = open("/dev/null", O_WRONLY);
-  if (null >= 0) dup2(null, STDERR_FILENO);
+  if (null >= 0) dup2(null, STDOUT_FILENO), dup2(null, STDERR_FILENO);
   image.loaded = 0;
   DecodeAnswer answer{};
   answer.readable = decode(image, path);
