@@ -8,6 +8,7 @@
 #include "frame/report.h"
 #include "frame/sampling.h"
 #include "lights/gaffer.h"
+#include "lights/geometry_light.h"
 #include "lights/sky.h"
 #include "qz.h"
 #include "shading/image.h"
@@ -45,6 +46,7 @@ void qzStartup() {
   printIntegerRow("number of threads", omp_get_max_threads(), "n/a");
   printIntegerRow("number of processors", omp_get_num_procs(), "n/a");
   printRule();
+  resetGeometryLight();
   resetSkyLight();
   restoreRendererDefaults();
   buildSlopeTables();
@@ -57,6 +59,7 @@ void qzInitialize() {
   loadImages();
   qzInitializeShaders();
   prepareSky();
+  prepareGeometryLight();
   prepareGaffer();
   qzInitializeRenderer();
 }
@@ -65,6 +68,7 @@ void qzFinalize() {
   qzFinalizeRenderer();
   freeParallelLights();
   freePointLights();
+  finalizeGeometryLight();
   finalizeSky();
   qzFinalizeAccelerator();
   qzFinalizeCameras();

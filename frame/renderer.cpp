@@ -4,6 +4,8 @@
 
 #include "frame/report.h"
 #include "qz.h"
+#include "transport/density_estimator.h"
+#include "transport/photon.h"
 
 Renderer renderer;
 RayCounters rayCounters;
@@ -45,6 +47,11 @@ void qzInitializeRenderer() {
   renderer.ray_depth = std::max(renderer.ray_depth, 1);
   renderer.photon_depth = std::max(renderer.photon_depth, 1);
   if (renderer.resolution > 0) renderer.final_gather = true;
+  if (renderer.final_gather || renderer.radius > 0) {
+    prepareDensityEstimator();
+    castPhotons();
+    printRule();
+  }
   resetRayCounters();
   renderer.geometry_light_sample = renderer.sample;
   renderer.sky_light_sample = renderer.sample;
@@ -53,7 +60,7 @@ void qzInitializeRenderer() {
 }
 
 void qzFinalizeRenderer() {
-  renderer.radius = 0;
-  renderer.resolution = 0;
+  finalizeDensityEstimator();
+  clearPhotons();
   restoreRendererDefaults();
 }

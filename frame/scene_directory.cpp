@@ -7,6 +7,7 @@
 #include "frame/scene_file.h"
 #include "geometry/object_block.h"
 #include "lights/gaffer.h"
+#include "lights/geometry_light.h"
 #include "lights/sky.h"
 #include "output/camera.h"
 #include "output/render_loop.h"
@@ -28,6 +29,8 @@ bool dispatchBlock(const std::string& keyword, std::istream& file) {
     defineShaderFromBlock(file);
   } else if (keyword == "object") {
     readObjectBlock(objects[size_t(qzAddObject())], file);
+  } else if (keyword == "geometry_light") {
+    readGeometryLightBlock(file);
   } else if (keyword == "sky_light") {
     readSkyLightBlock(file);
   } else if (keyword == "point_light") {

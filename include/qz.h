@@ -145,6 +145,17 @@ QZ_API int qzAddParallelLightAOV(int id);
 QZ_API void qzSetParallelLightAOVName(int id, int aov, const char* name);
 QZ_API void qzSetParallelLightAOVChannel(int id, int aov, int channel);
 
+/* Geometry light: all surfaces whose shader has geometry_light set, sampled
+   together as one area light. An AOV with a shader name takes only that shader's light. */
+QZ_API void qzSetGeometryLightPhoton(int n);
+QZ_API void qzSetGeometryLightSample(int n);
+QZ_API void qzSetGeometryLightShader(int shader_id);
+QZ_API void qzSetGeometryLightLink(int shader_id);
+QZ_API int qzAddGeometryLightAOV();
+QZ_API void qzSetGeometryLightAOVName(int aov, const char* name);
+QZ_API void qzSetGeometryLightAOVShaderName(int aov, const char* name);
+QZ_API void qzSetGeometryLightAOVChannel(int aov, int channel);
+
 /* Sky light: a constant colour, or an environment image in latitude-longitude form */
 QZ_API void qzSetSkyLightImage(const char* name);
 QZ_API void qzSetSkyLightBackdrop(const char* name);

@@ -7,12 +7,14 @@
 #include "lights/light.h"
 #include "output/camera.h"
 #include "shading/jitter_diffuse.h"
+#include "shading/microfacet.h"
 #include "transport/child_ray.h"
 
 namespace {
 // A probe finds a face of the hit's shader nearly always; this many failures
 // mean it never will, and the sample is given up.
 constexpr int jitterTries = 64;
+constexpr float pi = 3.14159265f;
 
 float meanComponent(Color3f c) { return (c.r + c.g + c.b) / 3; }
 
@@ -47,7 +49,8 @@ int firstBounceSampleCount(const Surface& surface, const Ray& ray, int sample) {
   return n - n % P;
 }
 
-Color3f shadowTransmittance(const Ray& from, const Hit& leaving, Vec3f origin, Vec3f direction, float distance) {
+Color3f shadowTransmittance(const Ray& from, const Hit& leaving, Vec3f origin, Vec3f direction, float distance,
+                            uint8_t targetKind, uint32_t targetPrimitive) {
   Ray shadow;
   shadow.origin = origin;
   shadow.direction = direction;
@@ -55,6 +58,8 @@ Color3f shadowTransmittance(const Ray& from, const Hit& leaving, Vec3f origin, V
   shadow.thread = from.thread;
   // The primitive under the origin must not shadow itself.
   leavePrimitive(shadow, leaving);
+  shadow.hit.kind = targetKind;
+  shadow.hit.primitive = targetPrimitive;
   traceShadow(shadow);
   return shadow.throughput;
 }
@@ -72,13 +77,52 @@ bool findJitteredSurface(const Ray& ray, const Surface& surface, Surface& jitter
   return false;
 }
 
+int lightSide(const Surface& surface, Vec3f l) {
+  const float c = dot(l, surface.normal), cg = dot(l, surface.geometric_normal);
+  if ((surface.diffuse_on[0] || surface.glossy_on[0]) && c > 0 && cg > 0) return 1;
+  if ((surface.diffuse_on[1] || surface.glossy_on[1]) && c < 0 && cg < 0) return -1;
+  return 0;
+}
+
+void addBalancedSample(Color3f accumulators[4], const Surface& surface, Vec3f l, int side, Color3f L,
+                       Color3f diffuseWeight, float ps, const LightBalance& balance) {
+  const float c = dot(l, surface.normal);
+  const float Ns = balance.light_samples, Nb = balance.bounce_samples;
+  // f is the lobe's value along l, pb its own density of l.
+  auto add = [&](Color3f& accumulator, Color3f radiance, float f, float pb) {
+    const float w = balance.first_bounce ? Ns / (Nb * pb + Ns * ps) : 1 / (pb + ps);
+    accumulator += radiance * (w * f);
+  };
+  if (side > 0) {
+    if (surface.diffuse_on[0]) add(accumulators[0], L * diffuseWeight, c / pi, c / pi);
+    if (surface.glossy_on[0])
+      add(accumulators[2], L, evalGlossyReflection(surface, surface.view, l) * c,
+          pdfGlossyReflection(surface, surface.view, l));
+  } else if (side < 0) {
+    if (surface.diffuse_on[1]) add(accumulators[1], L * diffuseWeight, -c / pi, -c / pi);
+    if (surface.glossy_on[1])
+      add(accumulators[3], L, -evalGlossyTransmission(surface, surface.view, l) * c,
+          pdfGlossyTransmission(surface, surface.view, l));
+  }
+}
+
+float bounceDensity(const Ray& ray) {
+  const Surface& parent = *ray.parent;
+  switch (ray.hit.event) {
+    case diffuseReflectionEvent: return dot(ray.direction, parent.normal) / pi;
+    case diffuseTransmissionEvent: return -dot(ray.direction, parent.normal) / pi;
+    case glossyTransmissionEvent: return pdfGlossyTransmission(parent, parent.view, ray.direction);
+    default: return pdfGlossyReflection(parent, parent.view, ray.direction);
+  }
+}
+
 void finishDirectLight(Color3f accumulators[4], const Surface& surface, LobeRadiance& lobes,
-                       std::vector<CameraAOV>& aovs, const Ray& ray) {
+                       std::vector<CameraAOV>& aovs, const Ray& ray, int shader) {
   const Color3f colors[4] = {surface.diffuse[0], surface.diffuse[1], surface.glossy[0], surface.glossy[1]};
   Color3f* targets[4] = {&lobes.diffuse[0], &lobes.diffuse[1], &lobes.glossy[0], &lobes.glossy[1]};
   for (int i = 0; i < 4; ++i) {
     accumulators[i] *= colors[i];
     *targets[i] += accumulators[i];
-    if (!aovs.empty()) addToLightAOVs(aovs, accumulatorBits[i], accumulators[i], ray);
+    if (!aovs.empty()) addToLightAOVs(aovs, accumulatorBits[i], accumulators[i], ray, shader);
   }
 }

@@ -73,9 +73,13 @@ void addLightAOVChannel(std::vector<CameraAOV>& aovs, int aov, int channel);
 bool readAOVOrLinkKey(SceneLine& line, std::istream& file, std::vector<CameraAOV>& aovs, LightLink& link);
 // Sizes every AOV as the rendered camera and clears it.
 void prepareLightAOVs(std::vector<CameraAOV>& aovs);
+// Passed for `shader` below by the lights whose AOVs take everything.
+constexpr int anyShader = -2;
 // Adds value times the ray's throughput over its sample count to each AOV
-// that has any of `bits`.
-void addToLightAOVs(std::vector<CameraAOV>& aovs, uint32_t bits, Color3f value, const Ray& ray);
+// that has any of `bits`; unless `shader` is anyShader, only to the AOVs that
+// name that shader or none.
+void addToLightAOVs(std::vector<CameraAOV>& aovs, uint32_t bits, Color3f value, const Ray& ray,
+                    int shader = anyShader);
 // The bit of a light AOV that takes what arrives along this ray: by the event
 // that made it, and the emission bit on a path's first segment.
 uint32_t lightAOVBits(const Ray& ray);
@@ -90,19 +94,41 @@ float lobeAverage(const Surface& surface);
 // lobes and the throughput, at most `sample`, at least P, a multiple of P.
 int firstBounceSampleCount(const Surface& surface, const Ray& ray, int sample);
 // Transmittance from `origin` along `direction` to `distance` for the thread
-// of `from`, passing over the primitive `leaving` that the ray starts on.
-Color3f shadowTransmittance(const Ray& from, const Hit& leaving, Vec3f origin, Vec3f direction, float distance);
+// of `from`, passing over the primitive `leaving` that the ray starts on and
+// over the primitive that it aims at, named by its kind and index.
+Color3f shadowTransmittance(const Ray& from, const Hit& leaving, Vec3f origin, Vec3f direction, float distance,
+                            uint8_t targetKind = 0, uint32_t targetPrimitive = uint32_t(-1));
 // Diffuse jitter is used at hits on faces whose surface has all three radii.
 bool jitterInForce(const Ray& ray, const Surface& surface);
 // Probes for a nearby point of the hit's shader until one is found; false
 // when none is found in a bounded number of tries (a shader that probes never find).
 bool findJitteredSurface(const Ray& ray, const Surface& surface, Surface& jittered, Hit& jitteredHit,
                          Color3f& weight);
+// The side of the surface whose lobes can see a light in direction l: 1 the
+// front (reflection) lobes, -1 the back (transmission) lobes, 0 neither; the
+// shading and the geometric normal must agree.
+int lightSide(const Surface& surface, Vec3f l);
+// How a light sample is weighed against the lobes' own samples: by the
+// balance heuristic, with the sample counts on the first bounce.
+struct LightBalance {
+  bool first_bounce = false;
+  float light_samples = 0;   // Ns: the light's `sample`
+  float bounce_samples = 0;  // Nb: the renderer's sample count
+};
+// Adds radiance L arriving from l, whose light sampling has the density ps,
+// to the accumulators of the lobes on `side`, each weighed against its own
+// density; `diffuseWeight` scales the diffuse lobes only (jitter).
+void addBalancedSample(Color3f accumulators[4], const Surface& surface, Vec3f l, int side, Color3f L,
+                       Color3f diffuseWeight, float ps, const LightBalance& balance);
+// The density with which the lobe of `ray.hit.event` (3 to 6) at `ray.parent`
+// chose the ray's direction.
+float bounceDensity(const Ray& ray);
 // The last step of direct lighting: the four accumulators (diffuse and glossy,
 // reflection and transmission) take their lobe colours and go to the
-// integrator and to the light's AOVs.
+// integrator and to the light's AOVs; unless `shader` is anyShader, an AOV
+// that names a shader takes only what comes from that one.
 void finishDirectLight(Color3f accumulators[4], const Surface& surface, LobeRadiance& lobes,
-                       std::vector<CameraAOV>& aovs, const Ray& ray);
+                       std::vector<CameraAOV>& aovs, const Ray& ray, int shader = anyShader);
 // The common start of a photon's first segment: from no primitive, event 2,
 // white throughput, the sample `index` in `dimension`, scramble 0.
 void startPhoton(Ray& ray, uint64_t index, uint32_t dimension, float ior);

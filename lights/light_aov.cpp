@@ -30,10 +30,11 @@ void prepareLightAOVs(std::vector<CameraAOV>& aovs) {
   for (CameraAOV& aov : aovs) prepareAOV(aov, width, height);
 }
 
-void addToLightAOVs(std::vector<CameraAOV>& aovs, uint32_t bits, Color3f value, const Ray& ray) {
+void addToLightAOVs(std::vector<CameraAOV>& aovs, uint32_t bits, Color3f value, const Ray& ray, int shader) {
   const Color3f c = value * ray.throughput / float(ray.sample_count);
   for (CameraAOV& aov : aovs) {
     if (!(aov.channel & bits)) continue;
+    if (shader != anyShader && aov.shader != -1 && aov.shader != shader) continue;
     std::vector<float>& pixels = aov.image.floats;
     const uint64_t i = uint64_t(ray.pixel) * 3;
     // A pixel beyond the framebuffer (no camera, or a region set late) is dropped.

@@ -3,7 +3,6 @@
 #include "frame/renderer.h"
 #include "lights/sky.h"
 #include "output/camera.h"
-#include "shading/microfacet.h"
 
 namespace {
 constexpr float pi = 3.14159265f;
@@ -18,16 +17,6 @@ Color3f backdropColor(const Ray& ray) {
   return sampleImage(sky.backdrop, u, v, plainLookup);
 }
 
-// Density of the lobe that made an escaped ray, in the measure of the sky's weights.
-float lobeDensity(const Ray& ray) {
-  const Surface& parent = *ray.parent;
-  switch (ray.hit.event) {
-    case diffuseReflectionEvent: return dot(ray.direction, parent.normal) / pi;
-    case diffuseTransmissionEvent: return -dot(ray.direction, parent.normal) / pi;
-    default: return pdfGlossyReflection(parent, parent.view, ray.direction);
-  }
-}
-
 // One sky sample at a hit, added to the four accumulators.
 void addSkySample(const Ray& ray, const Surface& surface, uint32_t index, float weight, bool firstBounce,
                   Color3f accumulators[4]) {
@@ -38,30 +27,14 @@ void addSkySample(const Ray& ray, const Surface& surface, uint32_t index, float 
   // Only an all-black image gives a cell of no probability; it has nothing to give.
   if (!(p > 0)) return;
   const Vec3f l = skyCellDirection(face, float(a), float(b));
-  const float c = dot(l, surface.normal), cg = dot(l, surface.geometric_normal);
-  const bool front = (surface.diffuse_on[0] || surface.glossy_on[0]) && c > 0 && cg > 0;
-  const bool back = (surface.diffuse_on[1] || surface.glossy_on[1]) && c < 0 && cg < 0;
-  if (!front && !back) return;
+  const int side = lightSide(surface, l);
+  if (side == 0) return;
   const Color3f T = shadowTransmittance(ray, ray.hit, surface.position, l, infinity);
   if (!isOn(T)) return;
   const Color3f L = sky.cells[skyCellIndex(face, a, b)] * sky.color * T * weight;
   const float ps = p * float(skyCellCount) / (4 * pi);
-  const float Ns = float(sky.sample), Nb = float(renderer.sky_light_sample);
-  auto add = [&](Color3f& accumulator, float f, float pb) {
-    const float w = firstBounce ? Ns / (Nb * pb + Ns * ps) : 1 / (pb + ps);
-    accumulator += L * (w * f);
-  };
-  if (front) {
-    if (surface.diffuse_on[0]) add(accumulators[0], c / pi, c / pi);
-    if (surface.glossy_on[0])
-      add(accumulators[2], evalGlossyReflection(surface, surface.view, l) * c,
-          pdfGlossyReflection(surface, surface.view, l));
-  } else {
-    if (surface.diffuse_on[1]) add(accumulators[1], -c / pi, -c / pi);
-    if (surface.glossy_on[1])
-      add(accumulators[3], -evalGlossyTransmission(surface, surface.view, l) * c,
-          pdfGlossyTransmission(surface, surface.view, l));
-  }
+  const LightBalance balance{firstBounce, float(sky.sample), float(renderer.sky_light_sample)};
+  addBalancedSample(accumulators, surface, l, side, L, white, ps, balance);
 }
 }  // namespace
 
@@ -88,7 +61,7 @@ void shadeSky(Color3f& L, const Ray& ray) {
     L = R;
   } else if (isOn(R)) {
     const float pl = skyDensity(ray.direction);
-    const float pb = lobeDensity(ray);
+    const float pb = bounceDensity(ray);
     if (!(pb > 0)) return;
     const float Ns = float(sky.sample), Nb = float(renderer.sky_light_sample);
     L = R * (bounce < 2 ? Nb * pb / (Ns * pl + Nb * pb) : pb / (pb + pl));

@@ -11,6 +11,7 @@
 #include "frame/report.h"
 #include "geometry/scene_assembly.h"
 #include "lights/gaffer.h"
+#include "lights/geometry_light.h"
 #include "lights/sky.h"
 #include "output/camera.h"
 #include "output/preview.h"
@@ -60,6 +61,7 @@ void closeRender(int64_t start) {
   // The lights' own outputs are written as they are finalised; the point and
   // parallel lights are not wanted after the last pass.
   finalizeSky();
+  finalizeGeometryLight();
   freePointLights();
   freeParallelLights();
 }

@@ -1,11 +1,16 @@
-// The example scenes of the repository load and assemble without a message
-// that the scene did not mean, with the geometry each one is built to have.
+// The example scenes of the repository load, assemble and prepare their
+// lights without a message that the scene did not mean, with the geometry
+// each one is built to have.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 
 #include "geometry/object.h"
 #include "geometry/scene_assembly.h"
+#include "lights/gaffer.h"
+#include "lights/geometry_light.h"
+#include "lights/sky.h"
+#include "output/camera.h"
 #include "qz.h"
 #include "shading/image.h"
 #include "shading/shader.h"
@@ -22,7 +27,22 @@ class ExampleScenes : public SceneTest {
     return captureOutput([&] {
       qzLoadScene(directory.c_str());
       qzInitializeAccelerator();
+      // The rest of the preparation, but for the renderer's own.
+      qzInitializeCameras();
+      loadImages();
+      qzInitializeShaders();
+      prepareSky();
+      prepareGeometryLight();
+      prepareGaffer();
     });
+  }
+  void TearDown() override {
+    finalizeGeometryLight();
+    finalizeSky();
+    qzFinalizeGaffer();
+    // Cleared rather than finalised: finalising would write their empty images.
+    cameras.clear();
+    SceneTest::TearDown();
   }
 
   const Object& named(const std::string& name) {
@@ -40,8 +60,15 @@ void expectQuiet(const std::string& report) {
 
 }  // namespace
 
-TEST_F(ExampleScenes, CornellBoxKeepsItsRectangles) {
-  expectQuiet(assemble("cornell-box"));
+TEST_F(ExampleScenes, CornellBoxKeepsItsRectanglesAndIsLitByItsLampPanel) {
+  const std::string report = assemble("cornell-box");
+  expectQuiet(report);
+  // The panel's two sides take part; only its front emits.
+  EXPECT_NE(report.find("geometry light   area      0.720 [m x m]\ngeometry light sample         64 [n/a]\n"),
+            std::string::npos)
+      << report;
+  EXPECT_TRUE(pointLights.empty());
+  EXPECT_TRUE(parallelLights.empty());
   ASSERT_EQ(objects.size(), 1u);
   // Walls, lamp and the ten faces of the two blocks are all rectangles.
   EXPECT_EQ(objects[0].mesh.tetragons.size(), 16u);

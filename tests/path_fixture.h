@@ -94,6 +94,18 @@ class PathTest : public testing::Test {
   unsigned vertices = 0;
 };
 
+// The share of the cosine-weighted hemisphere above a point that a parallel
+// square of half size a at height h covers, centred over the point: four
+// corner rectangles of the classic form factor of a parallel rectangle.
+inline float squareFormFactor(float a, float h) {
+  const float A = a / h, s = std::sqrt(1 + A * A);
+  const float corner = (2 * A / s * std::atan(A / s)) / (2 * testPi);
+  return 4 * corner;
+}
+
+// Four standard deviations of the mean of n samples that lie in [0, 1] with mean m.
+inline float meanTolerance(float m, float n) { return 4 * std::sqrt(m * (1 - m) / n); }
+
 inline void expectColorNear(Color3f c, Color3f expected, float tolerance) {
   EXPECT_NEAR(c.r, expected.r, tolerance);
   EXPECT_NEAR(c.g, expected.g, tolerance);

@@ -14,18 +14,6 @@
 
 namespace {
 constexpr Vec3f X{1, 0, 0}, Y{0, 1, 0}, Z{0, 0, 1};
-
-// The share of the cosine-weighted hemisphere above a point that a parallel
-// square of half size a at height h covers, centred over the point: four
-// corner rectangles of the classic form factor of a parallel rectangle.
-float squareFormFactor(float a, float h) {
-  const float A = a / h, s = std::sqrt(1 + A * A);
-  const float corner = (2 * A / s * std::atan(A / s)) / (2 * testPi);
-  return 4 * corner;
-}
-
-// Four standard deviations of the mean of n samples that lie in [0, 1] with mean m.
-float meanTolerance(float m, float n) { return 4 * std::sqrt(m * (1 - m) / n); }
 }  // namespace
 
 TEST_F(PathTest, EmissionSeenDirectlyAndTheFirstHitsAOVs) {

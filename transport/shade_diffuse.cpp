@@ -3,6 +3,7 @@
 #include "shading/sampling_shapes.h"
 #include "transport/child_ray.h"
 #include "transport/path.h"
+#include "transport/photon.h"
 
 namespace {
 // The mean radiance of one diffuse lobe's children, each started with throughput C.
@@ -41,15 +42,17 @@ Color3f diffuseLobe(const Ray& ray, const Surface& surface, Color3f C, int lobe)
 
 void shadeLambertian(LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
   if (!belowBounceLimit(ray)) return;
+  // Both sides add the same caustic lookup, so it is made once.
+  const Color3f caustic = photonStore.photons.empty() ? black : gatherCaustics(ray, surface);
   if (surface.diffuse_on[0]) {
     const Color3f C = surface.diffuse[0] * ray.throughput;
     // A reflection too dark to follow ends the transmission too, whatever its colour.
     if (isDark(C)) return;
-    lobes.diffuse[0] += diffuseLobe(ray, surface, C, 0) * surface.diffuse[0];
+    lobes.diffuse[0] += (diffuseLobe(ray, surface, C, 0) + caustic) * surface.diffuse[0];
   }
   if (surface.diffuse_on[1]) {
     const Color3f C = surface.diffuse[1] * ray.throughput;
-    if (!isDark(C)) lobes.diffuse[1] += diffuseLobe(ray, surface, C, 1) * surface.diffuse[1];
+    if (!isDark(C)) lobes.diffuse[1] += (diffuseLobe(ray, surface, C, 1) + caustic) * surface.diffuse[1];
   }
 }
 

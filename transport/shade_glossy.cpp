@@ -1,6 +1,7 @@
 #include "shading/fresnel.h"
 #include "shading/microfacet.h"
 #include "transport/child_ray.h"
+#include "transport/glossy_sample.h"
 #include "transport/medium.h"
 #include "transport/path.h"
 
@@ -10,37 +11,36 @@ namespace {
 void glossySample(const Ray& ray, const Surface& surface, Vec3f localView, uint32_t index, uint32_t k,
                   Color3f sums[2]) {
   const SampleCursor cursor = lobeCursor(ray, index);
-  const Vec3f in = ray.direction, out = -ray.direction;
-  Vec3f h;
-  sampleVisibleNormal(surface, 1, cursor, localView, h);
-  float F = fresnelSchlick(out, h, surface.eta);
-  if (surface.glossy_on[1] && F < 1) {
+  for (int lobe : {1, 0}) {
     Vec3f d;
-    refractThrough(d, in, h, surface.eta, -dot(h, in));
-    if (dot(d, surface.geometric_normal) < 0) {
-      const float w = smithG1(surface, 1, h, d) * (1 - F);
-      Ray child = childRay(ray, surface, glossyTransmissionEvent, index, k);
-      child.direction = d;
-      child.throughput = w * ray.throughput * surface.glossy[1];
-      sums[1] += w * surface.glossy[1] * traceChild(ray, child);
-    }
-  }
-  sampleVisibleNormal(surface, 0, cursor, localView, h);
-  F = fresnelSchlick(out, h, surface.eta);
-  if (surface.glossy_on[0] && F > 0) {
-    Vec3f d = in + 2 * -dot(h, in) * h;
+    float w;
     // Only the first bounce renormalises the mirrored direction.
-    if (bounceIndex(ray) == 0) d = normalize(d);
-    if (dot(d, surface.geometric_normal) > 0) {
-      const float w = smithG1(surface, 0, h, d) * F;
-      Ray child = childRay(ray, surface, glossyReflectionEvent, index, k);
-      child.direction = d;
-      child.throughput = w * ray.throughput * surface.glossy[0];
-      sums[0] += w * surface.glossy[0] * traceChild(ray, child);
-    }
+    if (!sampleGlossyLobe(surface, lobe, cursor, localView, ray.direction, bounceIndex(ray) == 0, d, w)) continue;
+    Ray child = childRay(ray, surface, lobe == 0 ? glossyReflectionEvent : glossyTransmissionEvent, index, k);
+    child.direction = d;
+    child.throughput = w * ray.throughput * surface.glossy[lobe];
+    sums[lobe] += w * surface.glossy[lobe] * traceChild(ray, child);
   }
 }
 }  // namespace
+
+bool sampleGlossyLobe(const Surface& surface, int lobe, const SampleCursor& cursor, Vec3f localView, Vec3f in,
+                      bool renormalise, Vec3f& d, float& w) {
+  Vec3f h;
+  sampleVisibleNormal(surface, lobe, cursor, localView, h);
+  const float F = fresnelSchlick(-in, h, surface.eta);
+  if (lobe == 1) {
+    if (!surface.glossy_on[1] || !(F < 1)) return false;
+    refractThrough(d, in, h, surface.eta, -dot(h, in));
+    w = smithG1(surface, 1, h, d) * (1 - F);
+    return dot(d, surface.geometric_normal) < 0;
+  }
+  if (!surface.glossy_on[0] || !(F > 0)) return false;
+  d = in + 2 * -dot(h, in) * h;
+  if (renormalise) d = normalize(d);
+  w = smithG1(surface, 0, h, d) * F;
+  return dot(d, surface.geometric_normal) > 0;
+}
 
 void shadeGlossy(LobeRadiance& lobes, const Ray& ray, const Shader& shader, const Surface& surface) {
   const Vec3f out = -ray.direction;

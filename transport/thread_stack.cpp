@@ -42,3 +42,5 @@ __attribute__((constructor)) void raiseWorkerStacks() {
 const size_t workerStackBytes = size_t(16) << 20;
 
 int pathDepthLimit() { return std::min(renderer.ray_depth, deepestPath); }
+
+int photonDepthLimit() { return std::min(renderer.photon_depth, deepestPath); }

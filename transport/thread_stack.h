@@ -9,3 +9,5 @@ int pathDepthLimit();
 
 // The stack every worker thread is given: room for the deepest path.
 extern const size_t workerStackBytes;
+// The same for a photon's path under `photon_depth`.
+int photonDepthLimit();

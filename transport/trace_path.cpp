@@ -3,6 +3,7 @@
 #include "accel/fill.h"
 #include "accel/primitive_bounds.h"
 #include "lights/gaffer.h"
+#include "lights/geometry_light.h"
 #include "lights/sky.h"
 #include "output/aov.h"
 #include "transport/child_ray.h"
@@ -29,8 +30,9 @@ uint8_t answeredByPatches(const Ray& ray) {
   return area > renderer.resolution;
 }
 
-// The lights in their order; the geometry light joins them ahead of the sky.
+// The lights in their order.
 void gatherDirectLight(LobeRadiance& lobes, const Ray& ray, const Surface& surface) {
+  shadeGeometrySurface(lobes, ray, surface);
   shadeSkySurface(lobes, ray, surface);
   for (PointLight& light : pointLights) shadeSurface(light, lobes, ray, surface);
   for (ParallelLight& light : parallelLights) shadeSurface(light, lobes, ray, surface);
