@@ -6,6 +6,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <new>
 
 #include "frame/memory_budget.h"
 #include "frame/report.h"
@@ -54,20 +55,13 @@ void packShared(const float* rgb, uint8_t* out) {
   out[3] = uint8_t(e + 128);
 }
 
-void freePixels(Image& image) {
-  image.bits = {}, image.bytes = {}, image.words = {}, image.floats = {}, image.doubles = {}, image.shared = {};
-}
-
 // Copies FreeImage scan lines into the record's layout, row y to row y.
 bool convertBitmap(Image& image, FIBITMAP* bitmap) {
-  freePixels(image);
   const FREE_IMAGE_TYPE type = FreeImage_GetImageType(bitmap);
   const int width = int(FreeImage_GetWidth(bitmap)), height = int(FreeImage_GetHeight(bitmap));
   const unsigned bpp = FreeImage_GetBPP(bitmap);
   RGBQUAD* palette = FreeImage_GetPalette(bitmap);
   auto rows = [&](auto&& copyRow) {
-    // An allocation refused for its size leaves nothing to copy into.
-    if (imageMemory(image) == 0) return;
     for (int y = 0; y < height; ++y) copyRow(FreeImage_GetScanLine(bitmap, y), int64_t(y) * width);
   };
   if (type == FIT_BITMAP && bpp == 8 && !palette) {
@@ -122,7 +116,7 @@ bool convertBitmap(Image& image, FIBITMAP* bitmap) {
   } else {
     return false;
   }
-  return height > 0 && imageMemory(image) > 0;
+  return height > 0;
 }
 
 }  // namespace
@@ -145,9 +139,14 @@ bool decodeImageFile(Image& image, const std::string& path) {
   FIBITMAP* bitmap = FreeImage_Load(format, path.c_str(), 0);
   if (!bitmap) return false;
   if (contains(image.name, ".hdr", ".HDR")) FreeImage_FlipVertical(bitmap);
-  if (convertBitmap(image, bitmap)) image.loaded = 1;
+  bool readable = true;
+  try {
+    if (convertBitmap(image, bitmap)) image.loaded = 1;
+  } catch (const std::bad_alloc&) {
+    readable = false;
+  }
   FreeImage_Unload(bitmap);
-  return true;
+  return readable;
 }
 
 namespace {
@@ -290,13 +289,9 @@ int findOrAddImage(const std::string& name) {
 void allocateImage(Image& image, int width, int height, int channels, int depth, uint8_t sharedExponent) {
   if (height <= 0 || channels <= 0 || depth <= 0) return;
   const double bytes = double(std::max(width, 0)) * height * (sharedExponent ? 4.0 : channels * depth / 8.0);
-  if (!fitsInMemory(bytes)) {
-    // A size no machine here can hold leaves the record as an invalid size
-    // would.
-    printError("image - " + image.name + "\tcannot be allocated");
-    printRule();
-    return;
-  }
+  // A size no machine here can hold fails as its allocation would, but before
+  // the allocation has taken the machine's memory.
+  if (!fitsInMemory(bytes)) throw std::bad_alloc();
   image.width = width, image.height = height, image.channels = channels, image.depth = depth;
   image.sharedExponent = sharedExponent;
   const int64_t pixels = std::max<int64_t>(int64_t(width) * height, 0);
@@ -389,7 +384,7 @@ bool saveImage(const Image& image) {
 }
 
 void freeImage(Image& image) {
-  freePixels(image);
+  image.bits = {}, image.bytes = {}, image.words = {}, image.floats = {}, image.doubles = {}, image.shared = {};
   image.name.clear();
   image.loaded = 0;
 }
@@ -495,7 +490,13 @@ void qzSetImageName(int image, const char* name) {
 void qzCreateImage(int image, int width, int height) {
   if (!validImage(image)) return;
   images[image].loaded = 0;
-  if (width > 0) allocateImage(images[image], width, height, 3, 32, 0);
+  try {
+    if (width > 0) allocateImage(images[image], width, height, 3, 32, 0);
+  } catch (const std::bad_alloc&) {
+    // The record stays as an invalid size leaves it.
+    printError("image - " + images[image].name + "\tcannot be allocated");
+    printRule();
+  }
   images[image].loaded = 1;
 }
 

@@ -32,6 +32,7 @@ void startImages();
 void stopImages();
 void addImageSearchPath(const std::string& path);
 int findOrAddImage(const std::string& name);
+// Throws std::bad_alloc up front for a size beyond the machine's memory.
 void allocateImage(Image& image, int width, int height, int channels, int depth, uint8_t sharedExponent);
 Color3f readPixel(const Image& image, int64_t p);
 void writePixel(Image& image, Color3f color, int64_t p);
