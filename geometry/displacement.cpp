@@ -1,7 +1,9 @@
 #include "geometry/displacement.h"
 
 #include <algorithm>
+#include <string>
 
+#include "frame/memory_budget.h"
 #include "frame/report.h"
 #include "geometry/mesh_vertices.h"
 #include "geometry/smooth_mesh.h"
@@ -16,6 +18,18 @@ const std::vector<TextureNode>* vectorLayers(uint32_t shader) {
 
 // A frame word of vertex v, 0 ("no vector") when the array does not reach it.
 uint32_t frameWord(const std::vector<uint32_t>& words, uint32_t v) { return v < words.size() ? words[v] : 0; }
+
+// What a layer at this level allocates, with the copies that the next
+// smoothing makes; vertex indices are 32 bits, so more of them cannot be held.
+double tessellationBytes(const Mesh& mesh, size_t triangles, int level) {
+  const double n = level, vertices = double(triangles) * (n + 1) * (n + 2) / 2;
+  if (vertices + double(mesh.worldPositions.size()) >= 4294967295.0) return infinity;
+  double perVertex = sizeof(Vec3f) + 2 * sizeof(uint32_t);
+  for (const auto& channel : mesh.vectorChannels) perVertex += channel.values.empty() ? 0 : sizeof(Vec3f);
+  for (const auto& channel : mesh.pairChannels) perVertex += channel.values.empty() ? 0 : sizeof(FloatPair);
+  for (const auto& channel : mesh.scalarChannels) perVertex += channel.values.empty() ? 0 : sizeof(float);
+  return 3 * (vertices * perVertex + double(triangles) * n * n * sizeof(Triangle));
+}
 
 // Tessellates the triangles of shader `s` and displaces the new vertices by one
 // layer; false when the mesh has no frames to displace along.
@@ -34,7 +48,7 @@ bool displaceLayer(Mesh& mesh, uint32_t s, TextureNode& layer) {
   // Vertices are read once each, where only a smooth filter makes sense.
   layer.pixel_sampler = PixelSampler::bilinear;
   prepareNode(layer);
-  const TriangleGrid grid = tessellateTriangle(std::max(layer.level, 1));
+  const int level = std::max(layer.level, 1);
 
   std::vector<Triangle> kept, tessellated;
   for (const Triangle& t : mesh.triangles) {
@@ -43,6 +57,12 @@ bool displaceLayer(Mesh& mesh, uint32_t s, TextureNode& layer) {
       framed = framed && frameWord(mesh.normals, corner) && frameWord(mesh.tangents, corner);
     (framed ? tessellated : kept).push_back(t);
   }
+  if (!fitsInMemory(tessellationBytes(mesh, tessellated.size(), level))) {
+    printError("mesh - displacement level " + std::to_string(level) + " needs more memory than there is");
+    printRule();
+    return false;
+  }
+  const TriangleGrid grid = tessellateTriangle(level);
 
   // Each triangle gets a grid of its own; smoothing welds the grids again by position.
   const size_t perTriangle = grid.weights.size();

@@ -19,6 +19,9 @@ namespace {
 constexpr size_t weldBucketCount = 65536;
 constexpr size_t weldBucketLimit = 16;
 std::array<std::vector<uint32_t>, weldBucketCount> weldBuckets;
+// Buckets holding memory, so that a clear costs what was used, not the whole
+// table: a file with thousands of usemtl lines clears it thousands of times.
+std::vector<uint16_t> weldBucketsInUse;
 
 // One corner of a face line; 0 is an absent index, since OBJ counts from 1.
 // After conversion an index is a position in the reader's array, -1 when absent.
@@ -217,7 +220,8 @@ void clearReaderArrays(ObjReader& reader) {
 }
 
 void clearWeldTable() {
-  for (std::vector<uint32_t>& bucket : weldBuckets) std::vector<uint32_t>().swap(bucket);
+  for (uint16_t b : weldBucketsInUse) std::vector<uint32_t>().swap(weldBuckets[b]);
+  weldBucketsInUse.clear();
 }
 
 uint32_t weldVertex(Mesh& mesh, Vec3f position, FloatPair coordinates, uint32_t packedNormal,
@@ -226,6 +230,7 @@ uint32_t weldVertex(Mesh& mesh, Vec3f position, FloatPair coordinates, uint32_t 
   std::vector<FloatPair>& uvs = mesh.pairChannels[0].values;
   const uint32_t hash = 19347u * floatBits(position.x) + 19353u * floatBits(position.y) + 19361u * floatBits(position.z);
   std::vector<uint32_t>& bucket = weldBuckets[hash & 0xffff];
+  if (bucket.capacity() == 0) weldBucketsInUse.push_back(uint16_t(hash & 0xffff));
   // A crowded bucket forgets its vertices: duplicates are allowed, long searches are not.
   if (bucket.size() > weldBucketLimit) bucket.clear();
   for (uint32_t v : bucket) {

@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr uint32_t smoothBucketMask = 0x1ffff;  // 131072 buckets
-
 // One face corner around a welded position.
 struct CornerEntry {
   uint32_t face;
@@ -24,6 +22,19 @@ uint32_t floatBits(float f) {
   uint32_t bits;
   std::memcpy(&bits, &f, sizeof bits);
   return bits;
+}
+
+// Every bit of the position reaches the top bits that pick the slot: whole
+// numbers have all-zero low mantissa bits, and a hash that kept only low bits
+// would put a voxel or CAD mesh into one bucket. -0 and 0 are equal positions,
+// so they hash alike.
+uint64_t positionHash(Vec3f p) {
+  constexpr uint64_t golden = 0x9e3779b97f4a7c15ull;
+  auto bits = [](float f) { return uint64_t(floatBits(f == 0 ? 0.0f : f)); };
+  uint64_t h = bits(p.x) * golden;
+  h = (h ^ bits(p.y)) * golden;
+  h = (h ^ bits(p.z)) * golden;
+  return h;
 }
 
 FaceFrame faceFrame(const Mesh& mesh, const uint32_t* v, int count) {
@@ -49,27 +60,32 @@ FaceFrame faceFrame(const Mesh& mesh, const uint32_t* v, int count) {
   return frame;
 }
 
-// Maps every vertex to a welded position, numbered in order of first appearance.
+}  // namespace
+
 std::vector<uint32_t> weldPositions(const std::vector<Vec3f>& positions, uint32_t& weldedCount) {
-  std::vector<std::vector<uint32_t>> buckets(smoothBucketMask + 1);
+  // Open addressing in a table at most half full, sized to the mesh.
+  int shift = 64 - 4;
+  while ((uint64_t(1) << (64 - shift)) < 2 * positions.size()) --shift;
+  const uint64_t mask = (uint64_t(1) << (64 - shift)) - 1;
+  constexpr uint32_t empty = ~0u;
+  std::vector<uint32_t> slots(mask + 1, empty);
   std::vector<Vec3f> welded;
   std::vector<uint32_t> map(positions.size());
   for (size_t v = 0; v < positions.size(); ++v) {
     const Vec3f p = positions[v];
-    std::vector<uint32_t>& bucket =
-        buckets[(19347u * floatBits(p.x) + 19353u * floatBits(p.y) + 19361u * floatBits(p.z)) & smoothBucketMask];
-    auto found = std::find_if(bucket.begin(), bucket.end(), [&](uint32_t w) { return welded[w] == p; });
-    if (found != bucket.end()) {
-      map[v] = *found;
-    } else {
-      map[v] = uint32_t(welded.size());
-      bucket.push_back(map[v]);
+    uint64_t slot = positionHash(p) >> shift;
+    while (slots[slot] != empty && !(welded[slots[slot]] == p)) slot = (slot + 1) & mask;
+    if (slots[slot] == empty) {
+      slots[slot] = uint32_t(welded.size());
       welded.push_back(p);
     }
+    map[v] = slots[slot];
   }
   weldedCount = uint32_t(welded.size());
   return map;
 }
+
+namespace {
 
 // The vertex index of a face corner, writable when the face is.
 template <typename Face>

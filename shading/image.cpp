@@ -6,10 +6,13 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <new>
 
+#include "frame/memory_budget.h"
 #include "frame/report.h"
 #include "frame/sampling.h"
 #include "qz.h"
+#include "shading/image_decode.h"
 
 std::vector<Image> images;
 std::vector<std::string> imageSearchPaths;
@@ -116,17 +119,46 @@ bool convertBitmap(Image& image, FIBITMAP* bitmap) {
   return height > 0;
 }
 
+}  // namespace
+
+bool decodeImageFile(Image& image, const std::string& path) {
+  const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
+  if (format == FIF_UNKNOWN) return false;
+  // The header alone first: a size the file cannot hold is refused before any
+  // pixel is allocated.
+  FIBITMAP* header = FreeImage_FIFSupportsNoPixels(format) ? FreeImage_Load(format, path.c_str(), FIF_LOAD_NOPIXELS)
+                                                            : nullptr;
+  if (header) {
+    const double bytes =
+        double(FreeImage_GetWidth(header)) * FreeImage_GetHeight(header) * FreeImage_GetBPP(header) / 8;
+    FreeImage_Unload(header);
+    std::error_code error;
+    const auto length = std::filesystem::file_size(path, error);
+    if (error || bytes > believableDecodedBytes(int64_t(length)) || !fitsInMemory(3 * bytes)) return false;
+  }
+  FIBITMAP* bitmap = FreeImage_Load(format, path.c_str(), 0);
+  if (!bitmap) return false;
+  if (contains(image.name, ".hdr", ".HDR")) FreeImage_FlipVertical(bitmap);
+  bool readable = true;
+  try {
+    if (convertBitmap(image, bitmap)) image.loaded = 1;
+  } catch (const std::bad_alloc&) {
+    readable = false;
+  }
+  FreeImage_Unload(bitmap);
+  return readable;
+}
+
+namespace {
+
 void loadFile(Image& image, const std::string& path) {
-  FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
-  FIBITMAP* bitmap = format == FIF_UNKNOWN ? nullptr : FreeImage_Load(format, path.c_str(), 0);
-  if (!bitmap) {
+  const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
+  const bool readable = format != FIF_UNKNOWN && (format != FIF_HDR || soundRadianceHeader(path)) &&
+                        (format != FIF_EXR || soundOpenExrHeader(path)) && decodeContained(image, path, decodeImageFile);
+  if (!readable) {
     // Found but unreadable: say so, so a missing texture has a reason in the report.
     printError("image - " + image.name + "\tcannot be read");
-    return;
   }
-  if (contains(image.name, ".hdr", ".HDR")) FreeImage_FlipVertical(bitmap);
-  if (convertBitmap(image, bitmap)) image.loaded = 1;
-  FreeImage_Unload(bitmap);
 }
 
 struct SaveFormat {
@@ -256,6 +288,10 @@ int findOrAddImage(const std::string& name) {
 
 void allocateImage(Image& image, int width, int height, int channels, int depth, uint8_t sharedExponent) {
   if (height <= 0 || channels <= 0 || depth <= 0) return;
+  const double bytes = double(std::max(width, 0)) * height * (sharedExponent ? 4.0 : channels * depth / 8.0);
+  // A size no machine here can hold fails as its allocation would, but before
+  // the allocation has taken the machine's memory.
+  if (!fitsInMemory(bytes)) throw std::bad_alloc();
   image.width = width, image.height = height, image.channels = channels, image.depth = depth;
   image.sharedExponent = sharedExponent;
   const int64_t pixels = std::max<int64_t>(int64_t(width) * height, 0);
@@ -454,7 +490,13 @@ void qzSetImageName(int image, const char* name) {
 void qzCreateImage(int image, int width, int height) {
   if (!validImage(image)) return;
   images[image].loaded = 0;
-  if (width > 0) allocateImage(images[image], width, height, 3, 32, 0);
+  try {
+    if (width > 0) allocateImage(images[image], width, height, 3, 32, 0);
+  } catch (const std::bad_alloc&) {
+    // The record stays as an invalid size leaves it.
+    printError("image - " + images[image].name + "\tcannot be allocated");
+    printRule();
+  }
   images[image].loaded = 1;
 }
 

@@ -32,10 +32,14 @@ void startImages();
 void stopImages();
 void addImageSearchPath(const std::string& path);
 int findOrAddImage(const std::string& name);
+// Throws std::bad_alloc up front for a size beyond the machine's memory.
 void allocateImage(Image& image, int width, int height, int channels, int depth, uint8_t sharedExponent);
 Color3f readPixel(const Image& image, int64_t p);
 void writePixel(Image& image, Color3f color, int64_t p);
 bool loadImage(Image& image);
+// The decoder's side of a load, unguarded: true when the file could be read,
+// with `loaded` set when its pixel type converts. loadImage runs it in a child.
+bool decodeImageFile(Image& image, const std::string& path);
 bool saveImage(const Image& image);
 void freeImage(Image& image);
 // Loads every named record in array order; failures are reported and skipped.

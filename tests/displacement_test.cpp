@@ -169,3 +169,23 @@ TEST_F(DisplacementTest, LayersStackOnTheOutputOfTheLastOne) {
   EXPECT_EQ(mesh.triangles.size(), 2u * 4u * 4u);
   for (Vec3f p : mesh.worldPositions) EXPECT_EQ(p.z, 2.0f);
 }
+
+TEST_F(DisplacementTest, LevelsBeyondMemoryAreRefusedAndTheMeshStays) {
+  // A plausible typo for 10, and a level whose vertex count passes 32-bit indices.
+  for (int level : {100000, 70000}) {
+    SCOPED_TRACE(level);
+    const int s = displacing(30, 2);
+    shaders[s].geometry.vector.push_back(shaders[s].geometry.vector[0]);
+    shaders[s].geometry.vector[1].level = level;
+    const int o = squares({s});
+    const std::string out = prepare(o);
+    EXPECT_NE(out.find("error :( mesh - displacement level " + std::to_string(level) +
+                       " needs more memory than there is\n" + std::string(80, '_')),
+              std::string::npos)
+        << out;
+    // The first layer stands, the refused one is as if it were not there.
+    const Mesh& mesh = objects[o].mesh;
+    EXPECT_EQ(mesh.triangles.size(), 2u * 4u);
+    for (Vec3f p : mesh.worldPositions) EXPECT_EQ(p.z, 1.0f);
+  }
+}

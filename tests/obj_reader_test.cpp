@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 #include <random>
+#include <set>
 
 #include "geometry/scene_assembly.h"
 #include "qz.h"
@@ -121,6 +122,36 @@ TEST_F(ObjReaderTest, MaterialsSplitWeldsAndNameShaders) {
   // A usemtl without a name looks up the empty name, which nothing defines.
   EXPECT_EQ(shaders[mesh().triangles[3].shader].name, "");
   EXPECT_FALSE(shaders[mesh().triangles[3].shader].enabled);
+}
+
+TEST_F(ObjReaderTest, MaterialChangesForgetEveryBucketInUse) {
+  // Fractional positions spread over many buckets; whole numbers crowd one
+  // bucket past its limit, which empties it without giving its memory back.
+  std::mt19937 random(3);
+  std::uniform_real_distribution<float> coordinate(-10, 10);
+  std::string text, faces;
+  for (int v = 0; v < 300; ++v) {
+    const bool whole = v % 3 == 0;
+    text += whole ? "v " + std::to_string(v) + " " + std::to_string(v * 7 % 11) + " 0\n"
+                  : "v " + std::to_string(coordinate(random)) + " " + std::to_string(coordinate(random)) + " 1\n";
+  }
+  for (int f = 1; f + 2 <= 300; f += 3)
+    faces += "f " + std::to_string(f) + " " + std::to_string(f + 1) + " " + std::to_string(f + 2) + "\n";
+  load(text + faces + faces + "usemtl a\n" + faces + "usemtl b\nusemtl a\n" + faces);
+  const size_t perCopy = 300;
+  ASSERT_EQ(mesh().triangles.size(), 4 * perCopy / 3);
+  // Within a material the second copy welds where its bucket still knows the
+  // vertex, which the crowded bucket does not; across a change nothing is
+  // shared.
+  std::set<uint32_t> before, after;
+  for (size_t t = 0; t < 2 * perCopy / 3; ++t)
+    before.insert({mesh().triangles[t].i0, mesh().triangles[t].i1, mesh().triangles[t].i2});
+  for (size_t t = 2 * perCopy / 3; t < 4 * perCopy / 3; ++t)
+    after.insert({mesh().triangles[t].i0, mesh().triangles[t].i1, mesh().triangles[t].i2});
+  EXPECT_GT(before.size(), perCopy);
+  EXPECT_LT(before.size(), 2 * perCopy);
+  for (uint32_t v : after) EXPECT_EQ(before.count(v), 0u) << v;
+  EXPECT_EQ(after.size(), 2 * perCopy);
 }
 
 TEST_F(ObjReaderTest, CornersWeldByAllTheirAttributes) {

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <random>
 #include <set>
 
 #include "qz.h"
@@ -36,6 +39,34 @@ std::set<uint32_t> distinct(const std::vector<uint32_t>& words) { return {words.
 bool axisAligned(Vec3f n) { return std::fabs(n.x) + std::fabs(n.y) + std::fabs(n.z) == 1.0f; }
 
 }  // namespace
+
+TEST_F(SmoothMeshTest, WeldIsExactComparisonInOrderOfFirstAppearance) {
+  // Whole numbers (all low mantissa bits zero), fractions, both zeros, NaN and
+  // denormals, each position several times in a shuffled order.
+  std::vector<Vec3f> positions;
+  for (int x = 0; x < 30; ++x)
+    for (int y = 0; y < 30; ++y) positions.push_back({float(x), float(y), float((x * y) % 4)});
+  for (int i = 0; i < 200; ++i) positions.push_back({i * 0.37f + 0.013f, -i * 1.1f, 1e-40f * float(i % 5)});
+  const float nan = std::nanf("");
+  for (Vec3f p : {Vec3f{0, 0, 0}, Vec3f{-0.0f, 0, -0.0f}, Vec3f{nan, 0, 0}, Vec3f{nan, 0, 0}, Vec3f{1, 2, 3}})
+    positions.push_back(p);
+  const std::vector<Vec3f> once = positions;
+  for (int copy = 0; copy < 2; ++copy) positions.insert(positions.end(), once.begin(), once.end());
+  std::shuffle(positions.begin(), positions.end(), std::mt19937(5));
+
+  std::vector<Vec3f> firsts;
+  std::vector<uint32_t> expected;
+  for (Vec3f p : positions) {
+    auto found = std::find_if(firsts.begin(), firsts.end(), [&](Vec3f q) { return q == p; });
+    expected.push_back(uint32_t(found - firsts.begin()));
+    if (found == firsts.end()) firsts.push_back(p);
+  }
+  uint32_t count = 0;
+  EXPECT_EQ(weldPositions(positions, count), expected);
+  EXPECT_EQ(count, firsts.size());
+  EXPECT_TRUE(weldPositions({}, count).empty());
+  EXPECT_EQ(count, 0u);
+}
 
 TEST_F(SmoothMeshTest, FlatAngleFreesTheNormals) {
   Mesh mesh = cube(uint32_t(shaderWithAngle(0)));

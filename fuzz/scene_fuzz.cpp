@@ -1,0 +1,100 @@
+// Whole runs of a scene directory: the input is cut at lines "=====" into the
+// files of one directory, in the order of `sceneFiles`. Startup, loading,
+// preparation, rendering and finalisation run as the command runs them; only
+// the amount of work is capped, through the records the scene filled, and no
+// output file is written. Startup runs once for all inputs.
+#include <omp.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <string_view>
+
+#include "frame/renderer.h"
+#include "fuzz/fuzz_util.h"
+#include "lights/gaffer.h"
+#include "lights/sky.h"
+#include "output/camera.h"
+#include "qz.h"
+#include "shading/image_decode.h"
+#include "shading/shader.h"
+
+namespace {
+
+const char* const sceneFiles[] = {"shader/a.qz",   "render/a.qz",       "light/a.qz",       "camera/a.qz",
+                                  "geometry/a.qz", "geometry/mesh.obj", "image/texture.png"};
+
+void writeScene(const std::string& scene, const uint8_t* data, size_t size) {
+  std::filesystem::remove_all(scene);
+  for (const char* folder : {"shader", "render", "light", "camera", "geometry", "image"})
+    std::filesystem::create_directories(scene + folder);
+  const std::string_view input(reinterpret_cast<const char*>(data), size), cut = "\n=====\n";
+  size_t start = 0;
+  for (const char* file : sceneFiles) {
+    const size_t end = std::min(input.find(cut, start), input.size());
+    writeFile(scene + file, data + start, end - start);
+    if (end == input.size()) break;
+    start = end + cut.size();
+  }
+}
+
+// A few pixels, one pass, short paths and few photons: the same code runs, on less work.
+void capWork() {
+  for (Camera& camera : cameras) {
+    camera.width = std::min(camera.width, 6), camera.height = std::min(camera.height, 6);
+    camera.sample = std::min(camera.sample, 1);
+    for (CameraAOV& aov : camera.aovs) aov.image.name.clear();
+  }
+  auto capLight = [](Light& light) {
+    light.photon = std::min<int64_t>(light.photon, 200);
+    light.sample = std::min(light.sample, 2);
+    for (CameraAOV& aov : light.aovs) aov.image.name.clear();
+  };
+  for (PointLight& light : pointLights) capLight(light);
+  for (ParallelLight& light : parallelLights) capLight(light);
+  sky.photon = std::min(sky.photon, 200);
+  sky.sample = std::min(sky.sample, 2);
+  for (CameraAOV& aov : sky.aovs) aov.image.name.clear();
+  renderer.sample = std::min(renderer.sample, 2);
+  renderer.bounce = std::min(renderer.bounce, 2);
+  renderer.ray_depth = std::min(renderer.ray_depth, 4);
+  renderer.photon_depth = std::min(renderer.photon_depth, 4);
+  renderer.geometry_light_sample = std::min(renderer.geometry_light_sample, 2);
+  renderer.sky_light_sample = std::min(renderer.sky_light_sample, 2);
+  // The final gather's patch count grows with the inverse square of its size.
+  renderer.resolution = 0;
+  for (Shader& shader : shaders) {
+    std::vector<TextureNode>& layers = shader.geometry.vector;
+    if (layers.size() > 2) layers.resize(2);
+    for (TextureNode& layer : layers) layer.level = std::min(layer.level, 3);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  muteReport();
+  // One core for one fuzzer: the machine is shared.
+  omp_set_num_threads(1);
+  // A decoder that hangs is given up well inside the fuzzer's own limit.
+  imageDecodeSeconds = 3;
+  // The number and slope tables do not depend on the scene: built once, they
+  // would otherwise take most of each run.
+  qzStartup();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string scene = scratchFolder() + "/scene/";
+  writeScene(scene, data, size);
+  qzLoadScene(scene.c_str());
+  capWork();
+  qzInitialize();
+  qzRender();
+  qzFinalize();
+  // What startup resets besides the tables.
+  resetSkyLight();
+  restoreRendererDefaults();
+  createDefaultShader();
+  return 0;
+}
