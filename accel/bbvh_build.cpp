@@ -30,13 +30,14 @@ constexpr int binCount = 16;
 struct Bin {
   __m128 min = _mm_set1_ps(infinity), max = _mm_set1_ps(-infinity);
   uint32_t count = 0;
-  Box box() const {
-    alignas(16) float low[4], high[4];
-    _mm_store_ps(low, min);
-    _mm_store_ps(high, max);
-    return {{low[0], low[1], low[2]}, {high[0], high[1], high[2]}};
-  }
 };
+
+Box toBox(__m128 min, __m128 max) {
+  alignas(16) float low[4], high[4];
+  _mm_store_ps(low, min);
+  _mm_store_ps(high, max);
+  return {{low[0], low[1], low[2]}, {high[0], high[1], high[2]}};
+}
 
 struct Level {
   std::vector<BuildRecord>& records;
@@ -79,44 +80,7 @@ void fillBins(const BuildEntry* e, uint32_t count, Vec3f low, Vec3f extent, Bin 
   }
 }
 
-// Returns the size of the left side, or 0 when no split was found.
-uint32_t splitBySurfaceArea(BuildEntry* e, uint32_t count, Vec3f low, Vec3f high) {
-  Vec3f extent = high - low;
-  if (extent.x == 0 && extent.y == 0 && extent.z == 0) return 0;
-  Bin bins[3][binCount];
-  fillBins(e, count, low, extent, bins);
-  float best = infinity;
-  Box left, right;
-  for (int axis = 0; axis < 3; ++axis) {
-    if (extent[axis] == 0) continue;
-    // Boxes of the right sides, bins k to 15, swept from the back.
-    Box suffix[binCount];
-    uint32_t suffixCount[binCount];
-    Box running;
-    uint32_t n = 0;
-    for (int k = binCount - 1; k > 0; --k) {
-      growBox(running, bins[axis][k].box());
-      n += bins[axis][k].count;
-      suffix[k] = running;
-      suffixCount[k] = n;
-    }
-    Box prefix;
-    uint32_t m = 0;
-    for (int k = 1; k < binCount; ++k) {
-      // Past an empty bin both sides and so the cost repeat, and only a strictly smaller cost counts.
-      if (k > 1 && bins[axis][k - 1].count == 0) continue;
-      growBox(prefix, bins[axis][k - 1].box());
-      m += bins[axis][k - 1].count;
-      float cost = halfArea(prefix.min, prefix.max) * float(m) +
-                   halfArea(suffix[k].min, suffix[k].max) * float(suffixCount[k]);
-      if (cost < best) {
-        best = cost;
-        left = prefix;
-        right = suffix[k];
-      }
-    }
-  }
-  if (best == infinity) return 0;
+uint32_t partitionBoxes(BuildEntry* e, uint32_t count, Box left, Box right) {
   // Partition by the two boxes; a primitive in both goes to the smaller one, ties to the right.
   bool leftSmaller = halfArea(left.min, left.max) < halfArea(right.min, right.max);
   uint32_t i = 0, j = count;
@@ -128,6 +92,60 @@ uint32_t splitBySurfaceArea(BuildEntry* e, uint32_t count, Vec3f low, Vec3f high
       std::swap(e[i], e[--j]);
   }
   return i < count ? i : 0;
+}
+
+// Returns the size of the left side, or 0 when no split was found.
+uint32_t splitBySurfaceArea(BuildEntry* e, uint32_t count, Vec3f low, Vec3f high) {
+  Vec3f extent = high - low;
+  if (extent.x == 0 && extent.y == 0 && extent.z == 0) return 0;
+  Bin bins[3][binCount];
+  fillBins(e, count, low, extent, bins);
+  float best = infinity;
+  Box left, right;
+  for (int axis = 0; axis < 3; ++axis) {
+    if (extent[axis] == 0) continue;
+    const Bin* bin = bins[axis];
+    uint32_t used = 0;
+    for (int k = 0; k < binCount; ++k) used |= uint32_t(bin[k].count != 0) << k;
+    // The sides are tried at k = 1 and after every used bin below 15: past an
+    // empty bin both sides and so the cost repeat, and only a strictly smaller
+    // cost counts. An empty bin would change no union, so only used bins are
+    // visited, which keeps the many small tasks of the deep levels cheap.
+    const uint32_t splits = ((used << 1) | 2u) & 0xFFFEu;
+    __m128 suffixMin[binCount], suffixMax[binCount];
+    uint32_t suffixCount[binCount];
+    // The right side of the split after bin b is what the used bins above b
+    // hold; bin 0 unused leaves the split at 1 to the union of all.
+    __m128 runningMin = _mm_set1_ps(infinity), runningMax = _mm_set1_ps(-infinity);
+    uint32_t n = 0;
+    for (uint32_t rest = used; rest;) {
+      const int b = 31 - __builtin_clz(rest);
+      rest ^= 1u << b;
+      if (b + 1 < binCount) suffixMin[b + 1] = runningMin, suffixMax[b + 1] = runningMax, suffixCount[b + 1] = n;
+      runningMin = _mm_min_ps(runningMin, bin[b].min);
+      runningMax = _mm_max_ps(runningMax, bin[b].max);
+      n += bin[b].count;
+    }
+    if (!(used & 1u)) suffixMin[1] = runningMin, suffixMax[1] = runningMax, suffixCount[1] = n;
+    __m128 prefixMin = _mm_set1_ps(infinity), prefixMax = _mm_set1_ps(-infinity);
+    uint32_t m = 0;
+    for (uint32_t rest = splits; rest; rest &= rest - 1) {
+      const int k = __builtin_ctz(rest);
+      prefixMin = _mm_min_ps(prefixMin, bin[k - 1].min);
+      prefixMax = _mm_max_ps(prefixMax, bin[k - 1].max);
+      m += bin[k - 1].count;
+      const Box prefix = toBox(prefixMin, prefixMax), suffix = toBox(suffixMin[k], suffixMax[k]);
+      const float cost =
+          halfArea(prefix.min, prefix.max) * float(m) + halfArea(suffix.min, suffix.max) * float(suffixCount[k]);
+      if (cost < best) {
+        best = cost;
+        left = prefix;
+        right = suffix;
+      }
+    }
+  }
+  if (best == infinity) return 0;
+  return partitionBoxes(e, count, left, right);
 }
 
 // Entries of the smallest kind to the left; returns their number.
