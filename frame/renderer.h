@@ -41,7 +41,12 @@ extern RayCounters threadRayCounters[maxThreads];
 
 // The counters of the thread numbered `thread`; numbers past the table fold back into it.
 inline RayCounters& rayCountersOf(uint32_t thread) { return threadRayCounters[thread % maxThreads]; }
-inline void countRay(std::atomic<uint64_t>& counter) { counter.fetch_add(1, std::memory_order_relaxed); }
+// Only the owning thread adds to its counter, so a plain load and store do,
+// without the locked add that would cost more than a short walk; readers see
+// whole values. Threads past the table that share a slot may lose a count.
+inline void countRay(std::atomic<uint64_t>& counter) {
+  counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
 
 void resetRayCounters();
 // The sums over all threads.
