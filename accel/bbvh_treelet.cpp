@@ -1,5 +1,9 @@
 // Stage 2 of the hierarchy: every treelet of 16 leaves is reclustered
 // greedily by the area of pair unions, deepest treelets first.
+#include <immintrin.h>
+
+#include <algorithm>
+#include <cmath>
 #include <string>
 
 #include "accel/bbvh.h"
@@ -19,11 +23,68 @@ struct Cluster {
   int left = -1, right = -1;  // members; -1 for a treelet leaf
 };
 
-float unionArea(const Cluster& a, const Cluster& b) {
-  Box box = a.box;
-  growBox(box, b.box);
-  return halfArea(box.min, box.max);
+// The boxes of the live clusters by slot, one row of 16 lanes per bound.
+struct SlotBoxes {
+  alignas(32) float bound[6][treeletLeaves];  // min x, y, z, max x, y, z
+  void set(int slot, const Box& box) {
+    for (int axis = 0; axis < 3; ++axis) bound[axis][slot] = box.min[axis], bound[3 + axis][slot] = box.max[axis];
+  }
+};
+
+// halfArea of the union of slot `a`'s box with the boxes of slots
+// `first` .. `first + 7`, with the operations that the scalar forms compile
+// to: std::min (a, b) is minps (b, a), std::max (a, b) is maxps (b, a), and
+// the area is x (y + z) + y z with the first product fused.
+__m256 unionAreas(const SlotBoxes& s, int a, int first) {
+  __m256 extent[3];
+  for (int axis = 0; axis < 3; ++axis) {
+    const __m256 low = _mm256_min_ps(_mm256_load_ps(s.bound[axis] + first), _mm256_set1_ps(s.bound[axis][a]));
+    const __m256 high =
+        _mm256_max_ps(_mm256_load_ps(s.bound[3 + axis] + first), _mm256_set1_ps(s.bound[3 + axis][a]));
+    extent[axis] = _mm256_max_ps(_mm256_setzero_ps(), _mm256_sub_ps(high, low));
+  }
+  const __m256 y = extent[1], z = extent[2];
+  return _mm256_fmadd_ps(extent[0], _mm256_add_ps(y, z), _mm256_mul_ps(y, z));
 }
+
+// The pair table: row i holds the union areas of the pairs (i, j > i) among
+// the live slots; every other entry is +infinity and is never chosen.
+struct PairTable {
+  alignas(32) float area[treeletLeaves][treeletLeaves];
+
+  // Writes slot a's row and column from its union areas with every slot.
+  void refresh(const SlotBoxes& s, int a, int liveCount) {
+    alignas(32) float row[treeletLeaves];
+    _mm256_store_ps(row, unionAreas(s, a, 0));
+    _mm256_store_ps(row + 8, unionAreas(s, a, 8));
+    for (int k = 0; k < a; ++k) area[k][a] = row[k];
+    for (int k = a + 1; k < liveCount; ++k) area[a][k] = row[k];
+  }
+
+  // The pair that a row-major scan keeping the first strictly smaller value
+  // would find, starting from (0, 1): a NaN there keeps it, NaNs elsewhere
+  // never win, and among equal values the first in row-major order stands.
+  void smallest(int liveCount, int& bi, int& bj) const {
+    bi = 0, bj = 1;
+    if (std::isnan(area[0][1])) return;
+    __m256 low = _mm256_set1_ps(infinity);
+    for (int i = 0; i < liveCount - 1; ++i)  // a NaN operand leaves the second, the running minimum
+      low = _mm256_min_ps(_mm256_min_ps(_mm256_load_ps(area[i]), low), _mm256_min_ps(_mm256_load_ps(area[i] + 8), low));
+    low = _mm256_min_ps(low, _mm256_permute2f128_ps(low, low, 1));
+    low = _mm256_min_ps(low, _mm256_shuffle_ps(low, low, _MM_SHUFFLE(1, 0, 3, 2)));
+    low = _mm256_min_ps(low, _mm256_shuffle_ps(low, low, _MM_SHUFFLE(2, 3, 0, 1)));
+    if (_mm256_cvtss_f32(low) == infinity) return;
+    for (int i = 0; i < liveCount - 1; ++i) {
+      const uint32_t equal = uint32_t(_mm256_movemask_ps(_mm256_cmp_ps(_mm256_load_ps(area[i]), low, _CMP_EQ_OQ))) |
+                             uint32_t(_mm256_movemask_ps(_mm256_cmp_ps(_mm256_load_ps(area[i] + 8), low, _CMP_EQ_OQ)))
+                                 << 8;
+      if (equal) {
+        bi = i, bj = __builtin_ctz(equal);
+        return;
+      }
+    }
+  }
+};
 
 void optimizeTreelet(std::vector<BuildRecord>& records, uint32_t root) {
   // Grow the treelet by opening the largest inner node until it has 16 leaves.
@@ -54,41 +115,40 @@ void optimizeTreelet(std::vector<BuildRecord>& records, uint32_t root) {
   BuildRecord leafRecords[treeletLeaves];
   Cluster clusters[clusterCount];
   int live[treeletLeaves];
-  float area[treeletLeaves][treeletLeaves];
+  SlotBoxes boxes;
   for (int i = 0; i < treeletLeaves; ++i) {
     leafRecords[i] = records[leaves[i]];
     clusters[i].box = {leafRecords[i].min, leafRecords[i].max};
+    boxes.set(i, clusters[i].box);
     live[i] = i;
   }
-  for (int i = 0; i < treeletLeaves; ++i)
-    for (int j = i + 1; j < treeletLeaves; ++j) area[i][j] = unionArea(clusters[i], clusters[j]);
+  PairTable table;
+  std::fill(&table.area[0][0], &table.area[0][0] + treeletLeaves * treeletLeaves, infinity);
+  // Backwards, so that each entry keeps the value its row wrote, with the row's slot first.
+  for (int i = treeletLeaves - 1; i >= 0; --i) table.refresh(boxes, i, treeletLeaves);
 
   float newCost = 0;
   int liveCount = treeletLeaves;
   for (int made = treeletLeaves; made < clusterCount; ++made) {
-    int bi = 0, bj = 1;
-    for (int i = 0; i < liveCount; ++i)
-      for (int j = i + 1; j < liveCount; ++j)
-        if (area[i][j] < area[bi][bj]) bi = i, bj = j;
+    int bi, bj;
+    table.smallest(liveCount, bi, bj);
     Cluster& c = clusters[made];
     c.left = live[bi];
     c.right = live[bj];
     c.box = clusters[c.left].box;
     growBox(c.box, clusters[c.right].box);
-    newCost += area[bi][bj];
+    newCost += table.area[bi][bj];
     live[bi] = made;
     live[bj] = live[--liveCount];
-    // The table keeps i < j; refresh the two rows whose clusters changed.
-    for (int k = 0; k < liveCount; ++k) {
-      for (int slot : {bi, bj}) {
-        if (k == slot || slot >= liveCount) continue;
-        float a = unionArea(clusters[live[slot]], clusters[live[k]]);
-        if (k < slot)
-          area[k][slot] = a;
-        else
-          area[slot][k] = a;
-      }
-    }
+    boxes.set(bi, c.box);
+    boxes.set(bj, clusters[live[bj]].box);
+    // The freed last slot leaves the table.
+    for (int k = 0; k < liveCount; ++k) table.area[k][liveCount] = infinity;
+    std::fill(table.area[liveCount], table.area[liveCount] + treeletLeaves, infinity);
+    // The pair of the two changed slots takes its value from slot bi's side, as a
+    // scan that refreshed both slots for every k in turn would leave it.
+    if (bj < liveCount) table.refresh(boxes, bj, liveCount);
+    table.refresh(boxes, bi, liveCount);
   }
   if (!(oldCost > newCost)) return;
 

@@ -2,6 +2,8 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstring>
 #include <random>
 #include <sstream>
 
@@ -269,4 +271,102 @@ TEST(Bbvh, HalfAreaClampsNegativeExtents) {
   EXPECT_FLOAT_EQ(halfArea({0, 0, 0}, {1, 2, 3}), 1 * (2 + 3) + 2 * 3);
   EXPECT_FLOAT_EQ(halfArea({0, 0, 0}, {-1, 2, 3}), 6);
   EXPECT_FLOAT_EQ(halfArea({infinity, infinity, infinity}, {-infinity, -infinity, -infinity}), 0);
+}
+
+namespace {
+// The greedy reclustering in its plainest form: every pair scanned in table
+// order for the first strictly smallest union, deepest treelets first.
+void referenceTreelet(std::vector<BuildRecord>& r, uint32_t root) {
+  auto area = [](const Box& a, const Box& b) {
+    Box u = a;
+    growBox(u, b);
+    return halfArea(u.min, u.max);
+  };
+  std::vector<uint32_t> leaves{root}, pairs;
+  float oldCost = 0;
+  while (leaves.size() < 16) {
+    int pick = -1;
+    float largest = -1;
+    for (size_t i = 0; i < leaves.size(); ++i)
+      if (r[leaves[i]].count == 0 && halfArea(r[leaves[i]].min, r[leaves[i]].max) > largest)
+        largest = halfArea(r[leaves[i]].min, r[leaves[i]].max), pick = int(i);
+    if (pick < 0) return;
+    oldCost += largest;
+    const uint32_t link = r[leaves[pick]].link;
+    pairs.push_back(link);
+    leaves[pick] = link;
+    leaves.push_back(link + 1);
+  }
+  std::vector<BuildRecord> copies;
+  std::vector<Box> boxes;
+  std::vector<std::pair<int, int>> members(16, {-1, -1});
+  for (uint32_t leaf : leaves) copies.push_back(r[leaf]), boxes.push_back({r[leaf].min, r[leaf].max});
+  std::vector<int> live(16);
+  for (int i = 0; i < 16; ++i) live[i] = i;
+  float newCost = 0;
+  while (live.size() > 1) {
+    size_t bi = 0, bj = 1;
+    for (size_t i = 0; i < live.size(); ++i)
+      for (size_t j = i + 1; j < live.size(); ++j)
+        if (area(boxes[live[i]], boxes[live[j]]) < area(boxes[live[bi]], boxes[live[bj]])) bi = i, bj = j;
+    newCost += area(boxes[live[bi]], boxes[live[bj]]);
+    Box merged = boxes[live[bi]];
+    growBox(merged, boxes[live[bj]]);
+    boxes.push_back(merged);
+    members.push_back({live[bi], live[bj]});
+    live[bi] = int(boxes.size()) - 1;
+    live[bj] = live.back();
+    live.pop_back();
+  }
+  if (!(oldCost > newCost)) return;
+  size_t next = 0;
+  auto write = [&](auto&& self, int cluster, uint32_t at) -> void {
+    if (cluster < 16) {
+      r[at] = copies[cluster];
+      return;
+    }
+    const uint32_t link = pairs[next++];
+    r[at].min = boxes[cluster].min, r[at].max = boxes[cluster].max;
+    r[at].link = link, r[at].kind = 0, r[at].count = 0;
+    self(self, members[cluster].first, link);
+    self(self, members[cluster].second, link + 1);
+  };
+  write(write, int(boxes.size()) - 1, root);
+}
+
+void referenceRestructure(std::vector<BuildRecord>& r) {
+  std::vector<std::vector<uint32_t>> depths;
+  auto visit = [&](auto&& self, uint32_t node, size_t depth) -> void {
+    if (depths.size() <= depth) depths.resize(depth + 1);
+    depths[depth].push_back(node);
+    if (r[node].count == 0) self(self, r[node].link, depth + 1), self(self, r[node].link + 1, depth + 1);
+  };
+  visit(visit, 0, 0);
+  for (size_t d = depths.size(); d-- > 0;)
+    for (uint32_t node : depths[d]) referenceTreelet(r, node);
+}
+}  // namespace
+
+// Grid-aligned triangles make many equal union areas, so the order among
+// equals decides; a few degenerate ones give empty extents.
+TEST(Bbvh, RestructureMatchesThePlainGreedyScan) {
+  for (const bool grid : {true, false}) {
+    Object object = randomMix(5, 600);
+    if (grid)
+      for (Vec3f& p : object.mesh.worldPositions) p = {std::round(p.x), std::round(p.y), std::round(p.z * 0.25f)};
+    const int threads = omp_get_max_threads();
+    omp_set_num_threads(1);
+    captureOutput([&] {
+      buildBinaryTree(object);
+      refitBinaryTree(object, 0);
+    });
+    omp_set_num_threads(threads);
+    std::vector<BuildRecord> expected = object.buildRecords;
+    referenceRestructure(expected);
+    restructureTree(object);
+    ASSERT_EQ(object.buildRecords.size(), expected.size());
+    EXPECT_EQ(std::memcmp(object.buildRecords.data(), expected.data(), expected.size() * sizeof(BuildRecord)), 0)
+        << grid;
+  }
+  objects.clear();
 }
