@@ -63,14 +63,20 @@ struct TriangleGroup {
 // to its present limit; the bits of the lanes crossed. Both sides count.
 inline int crossTriangles(const Object& object, uint32_t first, uint32_t count, const Ray& ray, TriangleGroup& g) {
   const TriangleRecord* records = object.triangleRecords.data() + first;
-  // Missing lanes repeat lane 0 and are masked off at the end.
+  // Missing lanes repeat lane 0 or hold leftovers; either way they are masked off at the end.
   const float* r0 = records[0].p0;
   const float* r1 = records[count > 1 ? 1 : 0].p0;
   const float* r2 = records[count > 2 ? 2 : 0].p0;
   const float* r3 = records[count > 3 ? 3 : 0].p0;
-  // Row k of the four records, turned into four vectors of one field each.
+  // Row k of the records, turned into four vectors of one field each. Most
+  // leaves hold one or two triangles: their rows take half the shuffles.
   auto transposeRow = [&](int row, __m128& x, __m128& y, __m128& z, __m128& w) {
     x = _mm_load_ps(r0 + 4 * row), y = _mm_load_ps(r1 + 4 * row);
+    if (count <= 2) {
+      const __m128 low = _mm_unpacklo_ps(x, y), high = _mm_unpackhi_ps(x, y);
+      x = low, y = _mm_movehl_ps(low, low), z = high, w = _mm_movehl_ps(high, high);
+      return;
+    }
     z = _mm_load_ps(r2 + 4 * row), w = _mm_load_ps(r3 + 4 * row);
     _MM_TRANSPOSE4_PS(x, y, z, w);
   };
