@@ -51,4 +51,8 @@ void prepareCamera(Camera& camera);
 void derivePose(CameraPose& pose, float width);
 // The pose at a moment t of the exposure, 0 to 1.
 CameraPose poseAt(const Camera& camera, float t);
+// The whole pass sees the camera at one moment: the pose of that moment.
+CameraPose passPose(const Camera& camera, int pass);
 void generatePixelSample(const Camera& camera, int x, int y, int pass, Ray& ray);
+// The same with the pass's pose worked out once by the caller, as the pass loop does.
+void generatePixelSample(const Camera& camera, const CameraPose& pose, int x, int y, int pass, Ray& ray);

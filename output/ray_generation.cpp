@@ -71,10 +71,14 @@ CameraPose poseAt(const Camera& camera, float t) {
   return pose;
 }
 
+CameraPose passPose(const Camera& camera, int pass) { return poseAt(camera, (float(pass) + 0.5f) / float(camera.sample)); }
+
 void generatePixelSample(const Camera& camera, int x, int y, int pass, Ray& ray) {
+  generatePixelSample(camera, passPose(camera, pass), x, y, pass, ray);
+}
+
+void generatePixelSample(const Camera& camera, const CameraPose& pose, int x, int y, int pass, Ray& ray) {
   const float S = float(camera.sample);
-  // The whole pass sees the camera at one moment.
-  const CameraPose pose = poseAt(camera, (float(pass) + 0.5f) / S);
 
   ray.diffuse_bounces = ray.glossy_bounces = ray.specular_bounces = ray.bounces = 0;
   ray.hit.kind = ray.prev_kind = 0;

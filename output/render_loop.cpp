@@ -28,13 +28,14 @@ void runPass(std::vector<Color3f>* out) {
   Image& beauty = camera.aovs[0].image;
   const int pass = renderer.pass;
   const float share = 1.0f / float(camera.sample);
+  const CameraPose pose = passPose(camera, pass);
   resetRayCounters();
   const int64_t start = clockNanoseconds();
 #pragma omp parallel for schedule(dynamic, 1)
   for (int y = region.min_y; y < region.max_y; ++y) {
     for (int x = region.min_x; x < region.max_x; ++x) {
       Ray ray;
-      generatePixelSample(camera, x, y, pass, ray);
+      generatePixelSample(camera, pose, x, y, pass, ray);
       Color3f L = black;
       if (ray.bounces < renderer.ray_depth) tracePath(L, ray);
       L = acceptSample(L);
