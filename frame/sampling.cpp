@@ -52,14 +52,13 @@ void samplePair(const SampleCursor& c, float& u1, float& u2) {
 
 int selectFromCdf(const float* cdf, int n, float u, float& probability) {
   int first = 0, count = n - 1;
+  // Selects rather than branches: each step's way is a coin toss that a
+  // branch would mispredict half the time, and independent searches overlap.
   while (count > 0) {
-    int half = count / 2;
-    if (!(cdf[first + half] > u)) {
-      first += half + 1;
-      count -= half + 1;
-    } else {
-      count = half;
-    }
+    const int half = count / 2;
+    const int right = -int(!(cdf[first + half] > u));  // all ones to go right
+    first += (half + 1) & right;
+    count = half + ((count - 2 * half - 1) & right);
   }
   probability = first == 0 ? cdf[0] : cdf[first] - cdf[first - 1];
   return first;

@@ -1,22 +1,36 @@
 // Direct light of the geometry light at a hit: its stored points chosen by
 // their emission, weighed against the lobes by the balance heuristic.
+#include <immintrin.h>
+
+#include <algorithm>
 #include <cmath>
 
 #include "frame/renderer.h"
 #include "lights/geometry_light.h"
 
 namespace {
-// One sample towards the point that u selects, from the working surface.
-// Each sample goes to the AOVs on its own, since an AOV may take only the
-// points of one shader.
-void addPointSample(const Ray& ray, const Surface& surface, const Hit& leaving, float u, float weight,
+// The point that u selects by emission, and the probability of that choice.
+struct PointPick {
+  int index;
+  float probability;
+};
+
+PointPick pickPoint(float u) {
+  const GeometryLight& g = geometryLight;
+  PointPick pick;
+  pick.index = selectFromCdf(g.cdf.data(), int(g.cdf.size()), u, pick.probability);
+  return pick;
+}
+
+// One sample towards the picked point, from the working surface. Each sample
+// goes to the AOVs on its own, since an AOV may take only the points of one shader.
+void addPointSample(const Ray& ray, const Surface& surface, const Hit& leaving, PointPick pick, float weight,
                     Color3f jitterWeight, bool firstBounce, bool fibre, LobeRadiance& lobes) {
   const GeometryLight& g = geometryLight;
-  float p;
-  const int i = selectFromCdf(g.cdf.data(), int(g.cdf.size()), u, p);
+  const float p = pick.probability;
   // Points on sides that do not emit are never chosen: they have no share of the table.
   if (!(p > 0)) return;
-  const GeometryLightPoint& point = g.points[size_t(i)];
+  const GeometryLightPoint& point = g.points[size_t(pick.index)];
   const Vec3f v = point.position - surface.position;
   const float d2 = lengthSquared(v), d = std::sqrt(d2);
   if (!(d > 0)) return;
@@ -52,10 +66,10 @@ void shadeWithGeometryLight(LobeRadiance& lobes, const Ray& ray, const Surface& 
   Surface working = surface;
   Hit leaving = ray.hit;
   // Jitter takes a new nearby point for every sample and leaves from there.
-  auto sampleOnce = [&](float u, float weight, bool firstBounce) {
+  auto sampleOnce = [&](PointPick pick, float weight, bool firstBounce) {
     Color3f jitterWeight = white;
     if (jitter && !findJitteredSurface(ray, surface, working, leaving, jitterWeight)) return;
-    addPointSample(ray, working, leaving, u, weight, jitterWeight, firstBounce, fibre, lobes);
+    addPointSample(ray, working, leaving, pick, weight, jitterWeight, firstBounce, fibre, lobes);
   };
   const uint32_t bounce = bounceIndex(ray);
   if (bounce == 0) {
@@ -67,11 +81,23 @@ void shadeWithGeometryLight(LobeRadiance& lobes, const Ray& ray, const Surface& 
     if (n <= 0) return;
     const float r = uniformRandom(), s = float(ray.cursor.scramble) * 2.3283064e-10f;
     const float weight = float(P) / float(N);
-    for (int k = 0; k < n; ++k) sampleOnce(wrap((r + float(k)) / float(n) + s), weight, true);
+    // The picks do not depend on what the samples find: a batch of them is
+    // made first and its points fetched while the searches of the next run,
+    // since the points lie all over a table far larger than the caches.
+    constexpr int batch = 16;
+    PointPick picks[batch];
+    for (int first = 0; first < n; first += batch) {
+      const int count = std::min(batch, n - first);
+      for (int k = 0; k < count; ++k) {
+        picks[k] = pickPoint(wrap((r + float(first + k)) / float(n) + s));
+        _mm_prefetch(reinterpret_cast<const char*>(&g.points[size_t(picks[k].index)]), _MM_HINT_T0);
+      }
+      for (int k = 0; k < count; ++k) sampleOnce(picks[k], weight, true);
+    }
   } else if (bounce < uint32_t(renderer.bounce)) {
     float u1, u2;
     samplePair(ray.cursor, u1, u2);
-    sampleOnce(u1, 1, false);
+    sampleOnce(pickPoint(u1), 1, false);
   }
 }
 }  // namespace
