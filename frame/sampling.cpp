@@ -1,5 +1,7 @@
 #include "frame/sampling.h"
 
+#include <algorithm>
+
 #include <immintrin.h>
 
 #include <cmath>
@@ -50,18 +52,45 @@ void samplePair(const SampleCursor& c, float& u1, float& u2) {
   if (u2 > 1) u2 -= 1;
 }
 
+namespace {
+// One step of the search for the first entry above u within [first, first + count].
+// It selects rather than branches: each step's way is a coin toss that a
+// branch would mispredict half the time.
+inline void searchStep(const float* cdf, float u, int& first, int& count) {
+  const int half = count / 2;
+  const int right = -int(!(cdf[first + half] > u));  // all ones to go right
+  first += (half + 1) & right;
+  count = half + ((count - 2 * half - 1) & right);
+}
+
+float pickProbability(const float* cdf, int first) { return first == 0 ? cdf[0] : cdf[first] - cdf[first - 1]; }
+}  // namespace
+
 int selectFromCdf(const float* cdf, int n, float u, float& probability) {
   int first = 0, count = n - 1;
-  // Selects rather than branches: each step's way is a coin toss that a
-  // branch would mispredict half the time, and independent searches overlap.
-  while (count > 0) {
-    const int half = count / 2;
-    const int right = -int(!(cdf[first + half] > u));  // all ones to go right
-    first += (half + 1) & right;
-    count = half + ((count - 2 * half - 1) & right);
-  }
-  probability = first == 0 ? cdf[0] : cdf[first] - cdf[first - 1];
+  while (count > 0) searchStep(cdf, u, first, count);
+  probability = pickProbability(cdf, first);
   return first;
+}
+
+void selectFromCdf(const float* cdf, int n, const float* u, int m, int* index, float* probability) {
+  constexpr int most = 16;
+  for (int start = 0; start < m; start += most) {
+    const int k = std::min(most, m - start);
+    int first[most], count[most];
+    for (int j = 0; j < k; ++j) first[j] = 0, count[j] = n - 1;
+    // The searches advance side by side, each by its own steps, so that
+    // their loads are in flight together.
+    for (bool going = n > 1; going;) {
+      going = false;
+      for (int j = 0; j < k; ++j)
+        if (count[j] > 0) searchStep(cdf, u[start + j], first[j], count[j]), going = true;
+    }
+    for (int j = 0; j < k; ++j) {
+      index[start + j] = first[j];
+      probability[start + j] = pickProbability(cdf, first[j]);
+    }
+  }
 }
 
 void buildOrthonormalBasis(Vec3f v, Vec3f& t, Vec3f& b) {

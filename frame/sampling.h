@@ -30,6 +30,9 @@ float lookupRadicalInverse(uint32_t index, uint32_t dimension);
 void samplePair(const SampleCursor& cursor, float& u1, float& u2);
 // Index of the first of n ascending cdf entries above u; probability of that pick.
 int selectFromCdf(const float* cdf, int n, float u, float& probability);
+// The same for m values of u at once, with the same answers; faster for many
+// searches in a table larger than the caches.
+void selectFromCdf(const float* cdf, int n, const float* u, int m, int* index, float* probability);
 void buildOrthonormalBasis(Vec3f v, Vec3f& t, Vec3f& b);
 
 void fillExponentTable();

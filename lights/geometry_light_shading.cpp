@@ -85,14 +85,15 @@ void shadeWithGeometryLight(LobeRadiance& lobes, const Ray& ray, const Surface& 
     // made first and its points fetched while the searches of the next run,
     // since the points lie all over a table far larger than the caches.
     constexpr int batch = 16;
-    PointPick picks[batch];
+    float u[batch], probability[batch];
+    int index[batch];
     for (int first = 0; first < n; first += batch) {
       const int count = std::min(batch, n - first);
-      for (int k = 0; k < count; ++k) {
-        picks[k] = pickPoint(wrap((r + float(first + k)) / float(n) + s));
-        _mm_prefetch(reinterpret_cast<const char*>(&g.points[size_t(picks[k].index)]), _MM_HINT_T0);
-      }
-      for (int k = 0; k < count; ++k) sampleOnce(picks[k], weight, true);
+      for (int k = 0; k < count; ++k) u[k] = wrap((r + float(first + k)) / float(n) + s);
+      selectFromCdf(g.cdf.data(), int(g.cdf.size()), u, count, index, probability);
+      for (int k = 0; k < count; ++k)
+        _mm_prefetch(reinterpret_cast<const char*>(&g.points[size_t(index[k])]), _MM_HINT_T0);
+      for (int k = 0; k < count; ++k) sampleOnce({index[k], probability[k]}, weight, true);
     }
   } else if (bounce < uint32_t(renderer.bounce)) {
     float u1, u2;

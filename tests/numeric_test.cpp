@@ -3,6 +3,7 @@
 #include <bit>
 #include <cmath>
 #include <set>
+#include <vector>
 
 #include "frame/sampling.h"
 #include "frame/vec.h"
@@ -61,6 +62,33 @@ TEST_F(Numbers, SelectFromCdf) {
   EXPECT_EQ(selectFromCdf(cdf, 4, 0.4f, p), 3);  // the empty bin is never picked
   EXPECT_FLOAT_EQ(p, 0.6f);
   EXPECT_EQ(selectFromCdf(cdf, 4, 1.5f, p), 3);
+
+  // The plain branching search is the rule; the single and batched forms give
+  // its answers even on a table broken by a NaN, where the probes decide.
+  auto plain = [](const std::vector<float>& c, float u) {
+    int first = 0, count = int(c.size()) - 1;
+    while (count > 0) {
+      const int half = count / 2;
+      if (!(c[size_t(first + half)] > u)) first += half + 1, count -= half + 1;
+      else count = half;
+    }
+    return first;
+  };
+  std::vector<float> table;
+  for (int i = 0; i < 1000; ++i) table.push_back(float(i / 3) / 333.0f);
+  for (const bool broken : {false, true}) {
+    if (broken) table[517] = std::nanf("");
+    std::vector<float> us;
+    for (int i = 0; i < 203; ++i) us.push_back(float(i) / 200.0f - 0.005f);
+    std::vector<float> probabilities(us.size());
+    std::vector<int> batch(us.size());
+    selectFromCdf(table.data(), int(table.size()), us.data(), int(us.size()), batch.data(), probabilities.data());
+    for (size_t i = 0; i < us.size(); ++i) {
+      EXPECT_EQ(selectFromCdf(table.data(), int(table.size()), us[i], p), plain(table, us[i])) << us[i];
+      EXPECT_EQ(batch[i], plain(table, us[i])) << us[i];
+      EXPECT_TRUE(p == probabilities[i] || (std::isnan(p) && std::isnan(probabilities[i])));
+    }
+  }
 }
 
 TEST_F(Numbers, UniformRandomStaysInUnitRange) {
