@@ -114,14 +114,6 @@ TEST_F(RenderLoop, ProgressLinesThenTheClosingReportAndTheFiles) {
   }
 }
 
-TEST_F(RenderLoop, OneSampleClosesInTheFirstStep) {
-  addCamera(2, 2, 1);
-  prepare();
-  const std::string text = captureOutput([] { qzRender(); });
-  EXPECT_EQ(text.substr(0, 6), "100[%]");
-  EXPECT_NE(text.find("rendering time"), std::string::npos);
-}
-
 TEST_F(RenderLoop, OnlyTheRegionIsRendered) {
   const int c = addCamera(12, 10, 4);
   qzSetCameraRegion(c, 2, 3, 7, 9);
