@@ -49,7 +49,7 @@ void expectColor(Color3f c, Color3f expected) {
 }
 }  // namespace
 
-TEST(AOVBlock, TypeWordsAddTheirBits) {
+TEST(AOVBlock, TypeWordsAddTheirBitsAndAnyOtherWordNamesUserData) {
   EXPECT_EQ(readAOV("type \"diffuse\"\nend\n").channel, readAOV("type \"lambertian\"\nend\n").channel);
   EXPECT_EQ(readAOV("type \"diffuse\"\nend\n").channel, 0x28u);
   EXPECT_EQ(readAOV("type \"glossy\"\ntype \"specular\"\nend\n").channel, 0x2A80u);
@@ -61,15 +61,12 @@ TEST(AOVBlock, TypeWordsAddTheirBits) {
   EXPECT_EQ(aov.shader_name, "skin");
   EXPECT_EQ(aov.channel, 0u);
   EXPECT_EQ(aov.user_data_name, "undefined");
-}
-
-TEST(AOVBlock, AnyOtherWordNamesUserData) {
-  CameraAOV aov = readAOV("type \"normal\"\ntype \"weight map\"\nend\n");
-  EXPECT_EQ(aov.channel, userDataChannel);
-  EXPECT_EQ(aov.user_data_name, "weight map");
+  // Any other word names user data.
+  const CameraAOV user = readAOV("type \"normal\"\ntype \"weight map\"\nend\n");
+  EXPECT_EQ(user.channel, userDataChannel);
+  EXPECT_EQ(user.user_data_name, "weight map");
   // A keyword after it adds to the 4, and the AOV is no longer a user-data AOV.
-  aov = readAOV("type \"uv\"\ntype \"depth\"\nend\n");
-  EXPECT_EQ(aov.channel, 0x80004u);
+  EXPECT_EQ(readAOV("type \"uv\"\ntype \"depth\"\nend\n").channel, 0x80004u);
 }
 
 TEST(AOVExports, UserDataReplacesTheMaskAndTheBeautyCanOnlyBeRenamed) {

@@ -134,12 +134,3 @@ TEST(Vectors, MatrixInverseAndPointTransform) {
   std::fill(zero.m, zero.m + 16, 0.0f);
   EXPECT_FALSE(std::isfinite(inverse(zero).m[0]));
 }
-
-TEST(Vectors, Product3x3) {
-  const float a[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-  const float b[9] = {9, 8, 7, 6, 5, 4, 3, 2, 1};
-  float c[9];
-  multiply3x3(a, b, c);
-  const float expected[9] = {30, 24, 18, 84, 69, 54, 138, 114, 90};
-  for (int i = 0; i < 9; ++i) EXPECT_EQ(c[i], expected[i]);
-}
