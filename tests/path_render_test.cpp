@@ -283,17 +283,16 @@ class FacingMirrors : public PathTest {
   }
 };
 
-TEST_F(FacingMirrors, TheLastChildWithinRayDepthEndsTheSeries) {
-  qzSetRendererRayDepth(3);
-  build();
-  render();
-  expectColorNear(meanPixel(0), white * 3, 1e-5f);
-}
-
-TEST_F(FacingMirrors, ARayDepthBeyondTheBounceCounterStopsAtItsWidth) {
-  // 256 levels of recursion on every worker thread.
-  qzSetRendererRayDepth(100000);
-  build();
-  render();
-  expectColorNear(meanPixel(0), white * 256, 1e-5f);
+TEST_F(FacingMirrors, TheLastChildWithinRayDepthEndsTheSeriesAndTheBounceCounterBoundsIt) {
+  // A ray depth beyond the bounce counter stops at its width: 256 levels of
+  // recursion on every worker thread.
+  for (auto [depth, hits] : {std::pair{3, 3.0f}, std::pair{100000, 256.0f}}) {
+    TearDown();
+    SetUp();
+    vertices = 0;
+    qzSetRendererRayDepth(depth);
+    build();
+    render();
+    expectColorNear(meanPixel(0), white * hits, 1e-5f);
+  }
 }
