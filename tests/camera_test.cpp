@@ -13,8 +13,6 @@
 #include "tests/test_util.h"
 
 namespace {
-constexpr float pi = 3.14159265f;
-
 float angleBetween(Vec3f a, Vec3f b) {
   return std::acos(std::clamp(dot(normalize(a), normalize(b)), -1.0f, 1.0f));
 }
@@ -178,9 +176,9 @@ TEST_F(CameraTest, PoseInterpolatesLinearlyAndTheUpVectorSpherically) {
   EXPECT_NEAR(half.up_vector.x, std::sqrt(0.5f), 1e-6);
   EXPECT_NEAR(half.up_vector.y, std::sqrt(0.5f), 1e-6);
   const CameraPose quarter = poseAt(camera, 0.25f);
-  EXPECT_NEAR(quarter.up_vector.x, std::sin(pi / 8), 1e-6);
-  EXPECT_NEAR(quarter.up_vector.y, std::cos(pi / 8), 1e-6);
-  EXPECT_NEAR(half.image_distance, 50 / std::tan(pi / 6), 1e-3);
+  EXPECT_NEAR(quarter.up_vector.x, std::sin(testPi / 8), 1e-6);
+  EXPECT_NEAR(quarter.up_vector.y, std::cos(testPi / 8), 1e-6);
+  EXPECT_NEAR(half.image_distance, 50 / std::tan(testPi / 6), 1e-3);
   // Nearly parallel hints mix linearly, unnormalised.
   camera.poses[1].up_vector = {0, 3, 0};
   EXPECT_EQ(poseAt(camera, 0.5f).up_vector, Vec3f(0, 2, 0));
@@ -243,13 +241,13 @@ TEST_F(CameraTest, CentrePixelLooksAtTheTargetAndEdgesSpanTheFieldOfView) {
     generatePixelSample(camera, 0, H / 2, 0, left);
     generatePixelSample(camera, W - 1, H / 2, 0, right);
     const float span = angleBetween(left.direction, right.direction);
-    EXPECT_LE(span, 50 * pi / 180 + 1e-5f);
+    EXPECT_LE(span, 50 * testPi / 180 + 1e-5f);
     widest = std::max(widest, span);
     // The left edge lies to the left: negative x in world space.
     EXPECT_LT(left.direction.x, 0);
     EXPECT_GT(right.direction.x, 0);
   }
-  EXPECT_GT(widest, 50 * pi / 180 - 2 * pixelAngle);
+  EXPECT_GT(widest, 50 * testPi / 180 - 2 * pixelAngle);
 }
 
 TEST_F(CameraTest, SamplesSpreadUniformlyOverThePixel) {
@@ -296,10 +294,10 @@ TEST_F(CameraTest, BokehRaysPassThroughTheFocusPoint) {
     EXPECT_NEAR(length(focusPoint - Vec3f(0, 0, 5)), focus, 1e-4);
     EXPECT_LE(angleBetween(focusPoint - Vec3f(0, 0, 5), Vec3f(0, 0, -1)), 0.75f * pixelAngle);
     const float cone = angleBetween(ray.direction, focusPoint - Vec3f(0, 0, 5));
-    EXPECT_LE(cone, 10 * pi / 180 + 1e-4f);
+    EXPECT_LE(cone, 10 * testPi / 180 + 1e-4f);
     widest = std::max(widest, cone);
   }
-  EXPECT_GT(widest, 9 * pi / 180);
+  EXPECT_GT(widest, 9 * testPi / 180);
   // A lens of 90 degrees covers the whole half sphere about the pixel's ray.
   Camera& wide = stillCamera(W, H, 40, 90);
   float widestWide = 0;
@@ -307,10 +305,10 @@ TEST_F(CameraTest, BokehRaysPassThroughTheFocusPoint) {
     Ray ray;
     generatePixelSample(wide, W / 2, H / 2, 0, ray);
     const float cone = angleBetween(ray.direction, Vec3f(0, 0, -1));
-    EXPECT_LE(cone, pi / 2 + pixelAngle);
+    EXPECT_LE(cone, testPi / 2 + pixelAngle);
     widestWide = std::max(widestWide, cone);
   }
-  EXPECT_GT(widestWide, 0.45f * pi);
+  EXPECT_GT(widestWide, 0.45f * testPi);
 }
 
 TEST_F(CameraTest, SphericalCameraCoversTheWholeSphere) {
@@ -325,7 +323,7 @@ TEST_F(CameraTest, SphericalCameraCoversTheWholeSphere) {
     EXPECT_NEAR(length(ray.direction), 1, 1e-5);
     return ray.direction;
   };
-  const float rowAngle = pi / H;
+  const float rowAngle = testPi / H;
   // The middle of the image looks forward, a quarter in looks left, the top up, the bottom down.
   EXPECT_LT(angleBetween(direction(W / 2, H / 2), pose.forward), 2 * rowAngle);
   EXPECT_LT(angleBetween(direction(W / 4, H / 2), -pose.right), 2 * rowAngle);

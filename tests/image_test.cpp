@@ -42,11 +42,6 @@ int savedPattern(const std::string& name) {
   return image;
 }
 
-void expectNear(Color3f a, Color3f b, float tolerance) {
-  EXPECT_NEAR(a.r, b.r, tolerance);
-  EXPECT_NEAR(a.g, b.g, tolerance);
-  EXPECT_NEAR(a.b, b.b, tolerance);
-}
 }  // namespace
 
 TEST_F(Images, RoundTripsKeepPixelsInTheirRowOrder) {
@@ -70,7 +65,7 @@ TEST_F(Images, RoundTripsKeepPixelsInTheirRowOrder) {
     ASSERT_EQ(images[loaded].width, 4);
     ASSERT_EQ(images[loaded].height, 3);
     for (int y = 0; y < 3; ++y)
-      for (int x = 0; x < 4; ++x) expectNear(colorAt(loaded, x, y), pattern(x, c.upsideDown ? 2 - y : y), c.tolerance);
+      for (int x = 0; x < 4; ++x) expectColorNear(colorAt(loaded, x, y), pattern(x, c.upsideDown ? 2 - y : y), c.tolerance);
   }
 }
 
@@ -103,7 +98,7 @@ TEST_F(Images, SixteenBitWhiteReadsAs257) {
   qzSetImageName(image, name.c_str());
   ASSERT_TRUE(qzLoadImage(image));
   EXPECT_EQ(images[image].depth, 16);
-  expectNear(colorAt(image, 1, 1), {257, 257, 257}, 1e-3f);
+  expectColorNear(colorAt(image, 1, 1), {257, 257, 257}, 1e-3f);
 }
 
 TEST_F(Images, MissingFileIsReportedAndLeavesTheRecordEmpty) {
@@ -126,7 +121,7 @@ TEST_F(Images, SearchPathsAreTriedInOrder) {
   int image = qzAddImage();
   qzSetImageName(image, "found.pfm");
   EXPECT_TRUE(qzLoadImage(image));
-  expectNear(colorAt(image, 3, 2), pattern(3, 2), 0);
+  expectColorNear(colorAt(image, 3, 2), pattern(3, 2), 0);
   EXPECT_EQ(findOrAddImage("found.pfm"), image);
   EXPECT_EQ(findOrAddImage(""), -1);
   EXPECT_EQ(findOrAddImage("other.png"), image + 1);
@@ -186,9 +181,9 @@ TEST_F(Images, StatisticsUseTheLargestChannelForVariance) {
   writePixel(image, {0, 0, 3}, 1);
   Color3f mean, variance;
   imageStatistics(image, mean, variance);
-  expectNear(mean, {0.5f, 0, 1.5f}, 1e-6f);
+  expectColorNear(mean, {0.5f, 0, 1.5f}, 1e-6f);
   // Mean of the squared largest channels is (1 + 9) / 2 = 5.
-  expectNear(variance, {5 - 0.25f, 5, 5 - 2.25f}, 1e-6f);
+  expectColorNear(variance, {5 - 0.25f, 5, 5 - 2.25f}, 1e-6f);
   Image none;
   imageStatistics(none, mean, variance);
   EXPECT_EQ(mean, black);

@@ -13,8 +13,6 @@
 #include "qz.h"
 #include "tests/test_util.h"
 
-constexpr float testPi = 3.14159265f;
-
 class PathTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -106,8 +104,3 @@ inline float squareFormFactor(float a, float h) {
 // Four standard deviations of the mean of n samples that lie in [0, 1] with mean m.
 inline float meanTolerance(float m, float n) { return 4 * std::sqrt(m * (1 - m) / n); }
 
-inline void expectColorNear(Color3f c, Color3f expected, float tolerance) {
-  EXPECT_NEAR(c.r, expected.r, tolerance);
-  EXPECT_NEAR(c.g, expected.g, tolerance);
-  EXPECT_NEAR(c.b, expected.b, tolerance);
-}

@@ -16,8 +16,6 @@
 #include "transport/photon.h"
 
 namespace {
-constexpr float pi = 3.14159265f;
-
 class PhotonStoreTest : public testing::Test {
  protected:
   void SetUp() override { quietStartup(); }
@@ -74,7 +72,7 @@ Color3f bruteForce(Vec3f p, Vec3f normal, float r2) {
   if (found.size() < 2) return black;
   Color3f sum;
   for (auto& f : found) sum += decodePower(f.second->power);
-  return sum / (pi * found.back().first);
+  return sum / (testPi * found.back().first);
 }
 
 Ray firstHit(uint32_t thread = 0) {
