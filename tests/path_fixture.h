@@ -45,6 +45,16 @@ class PathTest : public testing::Test {
     vertices += 4;
   }
 
+  // The six faces of a cube of half size `half` about the origin, facing out or in.
+  void addCube(int shader, float half, bool outwards) {
+    for (int axis = 0; axis < 3; ++axis)
+      for (float side : {-1.0f, 1.0f}) {
+        Vec3f n, u, v;
+        n[axis] = half * side, u[(axis + 1) % 3] = half * (outwards ? side : -side), v[(axis + 2) % 3] = half;
+        addQuad(shader, n, u, v);
+      }
+  }
+
   // A square camera of `size` pixels looking from `position` at `target`, its
   // images kept in memory only.
   static int addCamera(int size, int passes, Vec3f position, Vec3f target, float fov, Vec3f up = {0, 1, 0}) {

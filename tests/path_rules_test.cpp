@@ -146,13 +146,7 @@ TEST(PathDepth, WorkerThreadsHaveTheStackForTheDeepestPath) {
 // A fibre's diffuse lobe inside a box that emits everywhere: every direction
 // comes back with the emission, so the lobe is its colour times the emission.
 TEST_F(PathTest, AFibresDiffuseLobeTakesEveryDirection) {
-  const int wall = addShader(emissionChannel, {0.5f, 1, 2});
-  for (int axis = 0; axis < 3; ++axis)
-    for (float side : {-1.0f, 1.0f}) {
-      Vec3f n, u, v;
-      n[axis] = side, u[(axis + 1) % 3] = 1, v[(axis + 2) % 3] = 1;
-      addQuad(wall, n, u, v);
-    }
+  addCube(addShader(emissionChannel, {0.5f, 1, 2}), 1, false);
   addCamera(1, 2, {0, 0, 0}, {0, 0, -1}, 45);
   captureOutput([] { qzInitialize(); });
   Ray ray;

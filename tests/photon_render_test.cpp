@@ -45,15 +45,6 @@ class PhotonRenderTest : public PathTest {
     vertices += unsigned(data.size() / 3);
   }
 
-  // The inside of a cube of half size 1 about the origin, every wall facing in.
-  void addClosedBox(int shader) {
-    for (Vec3f n : {X, Y, Z}) {
-      const Vec3f u = n == Y ? Z : Y, v = cross(n, u);
-      addQuad(shader, -1 * n, u, v);  // faces along u x v = n: inwards
-      addQuad(shader, n, v, u);
-    }
-  }
-
   // Full strength in every direction (the default spot fades to the back),
   // and the plain cosine law at shading points, as the photons see it.
   static int pointLight(Vec3f position, Color3f color, int photons) {
@@ -243,7 +234,7 @@ class LitBox : public PhotonRenderTest {
   void build(int photons) {
     const int wall = qzAddShader();
     qzSetShaderColor(wall, 1, diffuseChannel, albedo, albedo, albedo);  // front only: nothing passes
-    addClosedBox(wall);
+    addCube(wall, 1, false);
     pointLight({0.1f, 0.2f, 0.05f}, {1, 1, 1}, photons);
     addCamera(16, 4, {0, 0, 0.9f}, {0, 0, -1}, 70);
   }
@@ -289,7 +280,7 @@ TEST_F(LitBox, FinalGatherMatchesADeepPathTrace) {
 TEST_F(PhotonRenderTest, GeometryLightPhotonsComeFromTheLampPanel) {
   const int wall = qzAddShader();
   qzSetShaderColor(wall, 1, diffuseChannel, 0.5f, 0.5f, 0.5f);
-  addClosedBox(wall);
+  addCube(wall, 1, false);
   // A panel under the ceiling, 0.4 by 0.4, emitting 1 from its front, downwards.
   const int lamp = qzAddShader();
   qzSetShaderColor(lamp, 1, emissionChannel, 1, 1, 1);
