@@ -54,7 +54,7 @@ Surface fill(const Ray& ray) {
 
 }  // namespace
 
-TEST_F(FillTest, ATriangleBlendsItsCornersAndFacesTheViewer) {
+TEST_F(FillTest, ATriangleBlendsItsCornersFacesTheViewerAndTakesItsTangentFromU) {
   const int shader = qzAddShader();
   leaningTriangle(shader);
   assemble();
@@ -86,6 +86,22 @@ TEST_F(FillTest, ATriangleBlendsItsCornersAndFacesTheViewer) {
   expectVecNear(b.normal, {0, 0, 1});
   shaders[shader].needs_surface_normal = 1;
   EXPECT_GT(fill(bounced).normal.y, 0.05f);
+
+  // Tangents follow increasing u: with uv equal to x and y, +x made orthogonal to the leaning normal.
+  shaders[shader].needs_tangents = 1;
+  const Surface t = fill(hitFrom({0.2f, 0.2f, 1}, {0, 0, -1}));
+  expectOrthonormal(t);
+  EXPECT_GT(t.tangent.x, 0.95f);
+
+  // A cheap query of a plain shader stops after the position.
+  shaders[shader].plain = 1;
+  Surface cheap;
+  cheap.cheap_query = 1;
+  const Ray top = hitFrom({0.2f, 0.2f, 1}, {0, 0, -1});
+  fillTriangle(top.hit.object->mesh, top, shaders[shader], cheap);
+  expectVecNear(cheap.position, {0.2f, 0.2f, 0});
+  EXPECT_EQ(cheap.normal, zeroVector);
+  EXPECT_FALSE(cheap.diffuse_on[0]);
 }
 
 TEST_F(FillTest, RoundedCornersKeepTheFaceNormalInsideAndTheirOwnAtTheCorners) {
@@ -126,32 +142,6 @@ TEST_F(FillTest, AFourCorneredFaceRoundsByItsSquareRegions) {
   expectVecNear(normalAt(0.25f, 0.25f), normalize(0.5625f * normalize({-1, -1, 2}) + 0.1875f * normalize({1, -1, 2}) +
                                                0.0625f * normalize({1, 1, 2}) + 0.1875f * normalize({-1, 1, 2})),
              5e-3f);
-}
-
-TEST_F(FillTest, TangentsFollowIncreasingU) {
-  const int shader = qzAddShader();
-  leaningTriangle(shader);
-  assemble();
-  shaders[shader].needs_tangents = 1;
-  const Surface s = fill(hitFrom({0.2f, 0.2f, 1}, {0, 0, -1}));
-  expectOrthonormal(s);
-  // uv equal x and y: the tangent is +x, made orthogonal to the leaning normal.
-  EXPECT_GT(s.tangent.x, 0.95f);
-  EXPECT_NEAR(dot(s.tangent, s.normal), 0, 1e-5f);
-}
-
-TEST_F(FillTest, ACheapQueryOfAPlainShaderStopsAfterThePosition) {
-  const int shader = qzAddShader();
-  leaningTriangle(shader);
-  assemble();
-  shaders[shader].plain = 1;
-  Surface s;
-  s.cheap_query = 1;
-  const Ray ray = hitFrom({0.2f, 0.2f, 1}, {0, 0, -1});
-  fillTriangle(ray.hit.object->mesh, ray, shaders[shader], s);
-  expectVecNear(s.position, {0.2f, 0.2f, 0});
-  EXPECT_EQ(s.normal, zeroVector);
-  EXPECT_FALSE(s.diffuse_on[0]);
 }
 
 TEST_F(FillTest, FramesComeBackOutOfPlacements) {
