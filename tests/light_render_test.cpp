@@ -88,9 +88,7 @@ TEST_F(LitFloor, PointSpotAndParallelLightsOverTheFloor) {
   };
   for (const auto& k : cases) {
     SCOPED_TRACE(k.what);
-    TearDown();
-    SetUp();
-    vertices = 0;
+    restart();
     k.light();
     build(k.target);
     render();

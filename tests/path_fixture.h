@@ -19,9 +19,15 @@ class PathTest : public testing::Test {
     quietStartup();
     qzSetSkyLightColor(0, 0, 0);  // a black world unless a test lights it
     object = qzAddObject();
+    vertices = 0;
   }
   void TearDown() override {
     captureOutput([] { qzFinalize(); });
+  }
+  // Finalises this scene and starts an empty one, for tests that render several.
+  void restart() {
+    TearDown();
+    SetUp();
   }
 
   // A new shader with the given colour on both sides of one channel.
@@ -79,8 +85,9 @@ class PathTest : public testing::Test {
     return aov;
   }
 
-  static void render() {
-    captureOutput([] {
+  // Prepares and renders the scene; returns the report.
+  static std::string render() {
+    return captureOutput([] {
       qzInitialize();
       qzRender();
     });

@@ -196,9 +196,7 @@ TEST_F(GlassSlab, PassesTwoSurfacesWithTheirEchoesAttenuatesInsideAndDropsAWrong
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    TearDown();
-    SetUp();
-    vertices = 0;
+    restart();
     const int glass = slab(c.ior);
     if (c.density > 0) {
       qzSetShaderTransmittance(glass, 0.5f, 1, 1);
@@ -281,9 +279,7 @@ TEST_F(FacingMirrors, TheLastChildWithinRayDepthEndsTheSeriesAndTheBounceCounter
   // A ray depth beyond the bounce counter stops at its width: 256 levels of
   // recursion on every worker thread.
   for (auto [depth, hits] : {std::pair{3, 3.0f}, std::pair{100000, 256.0f}}) {
-    TearDown();
-    SetUp();
-    vertices = 0;
+    restart();
     qzSetRendererRayDepth(depth);
     build();
     render();

@@ -57,13 +57,6 @@ class PhotonRenderTest : public PathTest {
     return light;
   }
 
-  // Finalises this scene and starts an empty one, as SetUp does.
-  void restart() {
-    TearDown();
-    SetUp();
-    vertices = 0;
-  }
-
   static std::string prepare() {
     return captureOutput([] { qzInitialize(); });
   }
@@ -315,10 +308,7 @@ TEST_F(PhotonRenderTest, BadSettingsRenderToTheEnd) {
   // A negative photon count casts nothing from that light, but the rows still come.
   qzSetPointLightPhoton(scene(), -5);
   qzSetRendererRadius(0.1f);
-  std::string report = captureOutput([] {
-    qzInitialize();
-    qzRender();
-  });
+  std::string report = render();
   EXPECT_NE(report.find("photon sotred"), std::string::npos);
   EXPECT_TRUE(photonStore.photons.empty());
   restart();
@@ -326,10 +316,7 @@ TEST_F(PhotonRenderTest, BadSettingsRenderToTheEnd) {
   // A radius of -1 is no radius.
   scene();
   qzSetRendererRadius(-1);
-  report = captureOutput([] {
-    qzInitialize();
-    qzRender();
-  });
+  report = render();
   EXPECT_EQ(report.find("photon"), std::string::npos);
   restart();
 
@@ -337,10 +324,7 @@ TEST_F(PhotonRenderTest, BadSettingsRenderToTheEnd) {
   // paths that end early find no patch and take black.
   scene();
   qzSetRendererResolution(1e-30f);
-  report = captureOutput([] {
-    qzInitialize();
-    qzRender();
-  });
+  report = render();
   EXPECT_NE(report.find("photon   cast"), std::string::npos);
   EXPECT_EQ(report.find("density estimator buffer"), std::string::npos);
   EXPECT_GT(meanPixel(0).g, 0);
