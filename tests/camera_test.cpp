@@ -89,7 +89,7 @@ TEST_F(CameraTest, NewCameraHasItsDefaultsAndTheTimeSelectsThePoseSettersWrite) 
   EXPECT_EQ(cameras.size(), 2u);
 }
 
-TEST_F(CameraTest, PreparationClampsSampleAndRegionAndReportsFramebuffers) {
+TEST_F(CameraTest, PreparationClampsSampleAndRegionReportsFramebuffersAndRefusesBadSizes) {
   cameras.clear();
   const int a = qzAddCamera(), b = qzAddCamera();
   qzSetCameraResolution(a, 64, 64);
@@ -123,9 +123,8 @@ TEST_F(CameraTest, PreparationClampsSampleAndRegionAndReportsFramebuffers) {
   expectRegion(cb.region, 0, 0, 16, 8);
   for (auto& c : cameras)
     for (auto& aov : c.aovs) aov.image.name.clear();
-}
 
-TEST_F(CameraTest, ZeroSizeLeavesFramebuffersEmptyAndTheRegionEmpty) {
+  // A zero size leaves the framebuffers and the region empty.
   cameras.clear();
   const int c = qzAddCamera();
   qzSetCameraResolution(c, 32, 0);
@@ -134,8 +133,8 @@ TEST_F(CameraTest, ZeroSizeLeavesFramebuffersEmptyAndTheRegionEmpty) {
   EXPECT_GE(cameras[c].region.min_y, cameras[c].region.max_y);
   // A size that no memory holds is refused with a message, and the run goes on.
   qzSetCameraResolution(c, 1000000000, 1000000000);
-  const std::string text = captureOutput([] { qzInitializeCameras(); });
-  EXPECT_NE(text.find("error :( camera - no memory"), std::string::npos) << text;
+  const std::string refusal = captureOutput([] { qzInitializeCameras(); });
+  EXPECT_NE(refusal.find("error :( camera - no memory"), std::string::npos) << refusal;
   EXPECT_TRUE(cameras[c].aovs[0].image.floats.empty());
   EXPECT_EQ(cameras[c].region.min_x, cameras[c].region.max_x);
 }

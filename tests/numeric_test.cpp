@@ -15,7 +15,7 @@ class Numbers : public testing::Test {
   static void SetUpTestSuite() { quietStartup(); }
 };
 
-TEST_F(Numbers, RadicalInverseKnownValues) {
+TEST_F(Numbers, RadicalInverseKnownValuesAndItsTables) {
   for (uint64_t base : {2, 3, 5, 131}) EXPECT_EQ(radicalInverse(0, base), 0.0f);
   EXPECT_EQ(radicalInverse(1, 2), 0.5f);
   EXPECT_EQ(radicalInverse(3, 2), 0.75f);
@@ -23,9 +23,7 @@ TEST_F(Numbers, RadicalInverseKnownValues) {
   // 5 is "12" in base 3, mirrored to 0.21: digits added in this float order.
   const float third = 1.0f / 3.0f;
   EXPECT_EQ(radicalInverse(5, 3), 2 * third + 1 * (third * third));
-}
-
-TEST_F(Numbers, TablesAgreeWithDirectComputation) {
+  // The tables agree with the direct form.
   for (uint32_t d = 0; d < 32; ++d)
     for (uint32_t i : {0u, 1u, 7u, 1000u, 2047u}) EXPECT_EQ(lookupRadicalInverse(i, d), radicalInverse(i, Prime32[d]));
   // Past the table the direct form takes over, and dimensions wrap instead of reading past the primes.
