@@ -68,6 +68,19 @@ TEST(VolumeSampling, DistanceIsExponentialInSigma) {
   EXPECT_NEAR(sum / n, 1 / v.sigma, 0.02 / v.sigma);
 }
 
+TEST(VolumeSampling, WeightAndAttenuationArePowersOfTheColours) {
+  ShaderVolume v = prepared(0.5f);
+  v.albedo = {1, 0.5f, 0};
+  const Color3f w = volumeScatterWeight(v, 2);
+  EXPECT_FLOAT_EQ(w.r, 0.25f);
+  EXPECT_FLOAT_EQ(w.g, 0.32f);
+  EXPECT_EQ(w.b, 0);  // a black albedo ends the step
+  const Color3f a = volumeAttenuation(v, 3);
+  EXPECT_FLOAT_EQ(a.r, 0.25f * 0.25f * 0.25f);
+  EXPECT_FLOAT_EQ(a.g, 0.4f * 0.4f * 0.4f);
+  EXPECT_FLOAT_EQ(a.b, 0.125f);
+}
+
 TEST(VolumeSampling, SchlickPhaseScattersForwardForPositiveCosine) {
   const Vec3f d = normalize(Vec3f{1, 2, -0.5f});
   EXPECT_EQ(sampleVolumePhase(prepared(0.5f, -0.7f), d, 0, 0.3f), d);  // u1 below 1e-8
