@@ -85,9 +85,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // The number and slope tables do not depend on the scene: built once, they
   // would otherwise take most of each run.
   qzStartup();
-  // Names that a scene leaves relative resolve inside the scratch folder, so
-  // that files lying in the caller's folder are never read nor written.
-  std::filesystem::current_path(scratchFolder());
   return 0;
 }
 
