@@ -13,6 +13,7 @@
 #include "frame/renderer.h"
 #include "fuzz/fuzz_util.h"
 #include "lights/gaffer.h"
+#include "lights/geometry_light.h"
 #include "lights/sky.h"
 #include "output/camera.h"
 #include "qz.h"
@@ -55,6 +56,9 @@ void capWork() {
   sky.photon = std::min(sky.photon, 200);
   sky.sample = std::min(sky.sample, 2);
   for (CameraAOV& aov : sky.aovs) aov.image.name.clear();
+  geometryLight.photon = std::min(geometryLight.photon, 200);
+  geometryLight.sample = std::min(geometryLight.sample, 2);
+  for (CameraAOV& aov : geometryLight.aovs) aov.image.name.clear();
   renderer.sample = std::min(renderer.sample, 2);
   renderer.bounce = std::min(renderer.bounce, 2);
   renderer.ray_depth = std::min(renderer.ray_depth, 4);

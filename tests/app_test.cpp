@@ -1,16 +1,13 @@
 // The quazel command, run as a separate process in a scratch folder.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
-#include "shading/image.h"
-#include "tests/scene_writer.h"
+#include "tests/command_fixture.h"
 #include "tests/regex.h"
-#include "tests/test_util.h"
+#include "tests/scene_writer.h"
 
 namespace fs = std::filesystem;
 
@@ -20,19 +17,10 @@ struct Outcome {
   std::string out, err;
 };
 
-std::string slurp(const fs::path& path) {
-  std::ifstream file(path);
-  std::stringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
 // Runs the command with its working directory in `folder`.
 Outcome quazel(const std::string& folder, const std::string& arguments) {
-  const fs::path binary = fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "quazel";
-  const std::string command = "cd '" + folder + "' && '" + binary.string() + "' " + arguments + " >out.txt 2>err.txt";
-  const int status = std::system(command.c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(folder + "/out.txt"), slurp(folder + "/err.txt")};
+  const ShellOutcome run = shell("cd '" + folder + "' && '" + quazelBinary() + "' " + arguments + " 2>err.txt");
+  return {run.status, run.out, readFile(folder + "/err.txt")};
 }
 
 std::vector<std::string> beautyFiles(const std::string& folder) {
@@ -43,13 +31,6 @@ std::vector<std::string> beautyFiles(const std::string& folder) {
   return names;
 }
 
-Image load(const std::string& name) {
-  Image image;
-  image.name = name;
-  quietStartup();
-  captureOutput([&] { loadImage(image); });
-  return image;
-}
 }  // namespace
 
 TEST(QuazelCommand, RendersASceneDirectoryWithItsReportAndImages) {
@@ -77,7 +58,8 @@ TEST(QuazelCommand, RendersASceneDirectoryWithItsReportAndImages) {
   const std::vector<std::string> beauty = beautyFiles(work);
   ASSERT_EQ(beauty.size(), 1u);
   for (const std::string& name : {beauty[0], work + "/depth.pfm"}) {
-    const Image image = load(name);
+    quietStartup();
+    const Image image = loadStoredImage(name);
     EXPECT_EQ(image.width, 64) << name;
     EXPECT_EQ(image.height, 32) << name;
   }
@@ -145,15 +127,7 @@ TEST(QuazelCommand, TilesRenderTheirBandsIntoFoldersAndMergeIntoTheFrame) {
   writeSceneFile(work + "/scene/camera", "camera.qz", stillCamera("  resolution 64 32\n  sample 9\n"));
   writeSceneFile(work + "/scene/light", "sky.qz", "sky_light\n  color 0.5 0.5 0.5\nend\n");
   const int width = 256, height = 128;
-  auto loadFloats = [](const std::string& path) {
-    Image image;
-    image.name = path;
-    image.packFloats = 0;
-    imageSearchPaths = {""};
-    quietStartup();
-    captureOutput([&] { loadImage(image); });
-    return image;
-  };
+  quietStartup();  // for the image reader
   auto lit = [&](const Image& image, int x, int y) { return image.floats[size_t(y * width + x) * 3] > 0; };
   std::string tiles;
   for (int i = 1; i <= 3; ++i) {
@@ -165,11 +139,11 @@ TEST(QuazelCommand, TilesRenderTheirBandsIntoFoldersAndMergeIntoTheFrame) {
     EXPECT_NE(run.out.find(" 50[%]"), std::string::npos) << run.out;
     EXPECT_EQ(run.out.find(" 25[%]"), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("framebuffers      0.375 [M bytes]"), std::string::npos) << run.out;
-    EXPECT_EQ(slurp(work + "/" + folder + "/quazel-tile.txt"),
+    EXPECT_EQ(readFile(work + "/" + folder + "/quazel-tile.txt"),
               "tile " + std::to_string(i) + " of 3\nframe 256 128\nregion 0 0 256 128\npixels 0 " +
                   std::to_string((i - 1) * 128 / 3) + " 256 " + std::to_string(i * 128 / 3) + "\n");
     // The time-stamped default name would differ from tile to tile.
-    const Image beauty = loadFloats(work + "/" + folder + "/beauty.hdr");
+    const Image beauty = loadStoredImage(work + "/" + folder + "/beauty.hdr");
     ASSERT_EQ(beauty.width, width);
     ASSERT_EQ(beauty.height, height);
     EXPECT_TRUE(fs::exists(work + "/" + folder + "/beauty.png"));
@@ -181,9 +155,9 @@ TEST(QuazelCommand, TilesRenderTheirBandsIntoFoldersAndMergeIntoTheFrame) {
   const Outcome merged = quazel(work, "merge -o out/frame" + tiles);
   ASSERT_EQ(merged.status, 0) << merged.err;
   EXPECT_EQ(merged.out, "quazel: merged 3 tiles into " + work + "/out/frame/\n  beauty.hdr\n  beauty.png\n");
-  const Image frame = loadFloats(work + "/out/frame/beauty.hdr");
+  const Image frame = loadStoredImage(work + "/out/frame/beauty.hdr");
   std::vector<Image> parts;
-  for (int i = 1; i <= 3; ++i) parts.push_back(loadFloats(work + "/out/tile-" + std::to_string(i) + "/beauty.hdr"));
+  for (int i = 1; i <= 3; ++i) parts.push_back(loadStoredImage(work + "/out/tile-" + std::to_string(i) + "/beauty.hdr"));
   for (int y = 0; y < height; ++y) {
     const Image& tile = parts[size_t(y < 128 / 3 ? 0 : y < 256 / 3 ? 1 : 2)];
     for (int x = 0; x < width; ++x) {

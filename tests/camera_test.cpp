@@ -13,8 +13,6 @@
 #include "tests/test_util.h"
 
 namespace {
-constexpr float pi = 3.14159265f;
-
 float angleBetween(Vec3f a, Vec3f b) {
   return std::acos(std::clamp(dot(normalize(a), normalize(b)), -1.0f, 1.0f));
 }
@@ -58,7 +56,7 @@ class CameraTest : public testing::Test {
 };
 }  // namespace
 
-TEST_F(CameraTest, NewCameraHasItsDefaultsAndATimeStampedBeauty) {
+TEST_F(CameraTest, NewCameraHasItsDefaultsAndTheTimeSelectsThePoseSettersWrite) {
   cameras.clear();
   EXPECT_EQ(qzAddCamera(), 0);
   EXPECT_EQ(qzAddCamera(), 1);
@@ -70,30 +68,28 @@ TEST_F(CameraTest, NewCameraHasItsDefaultsAndATimeStampedBeauty) {
   EXPECT_EQ(c.aovs[0].channel, 1u);
   EXPECT_TRUE(std::regex_match(c.aovs[0].image.name, std::regex(R"(beauty-20\d{6}-\d{6}\.hdr)")))
       << c.aovs[0].image.name;
-}
 
-TEST_F(CameraTest, TimeSelectsThePoseThatSettersWrite) {
-  cameras.clear();
-  const int c = qzAddCamera();
-  qzSetCameraTime(c, 0.49f);
-  qzSetCameraFOV(c, 30);
-  qzSetCameraPosition(c, 1, 2, 3);
-  qzSetCameraTime(c, 0.5f);
-  qzSetCameraFOV(c, 60);
-  qzSetCameraBokeh(c, 2);
-  EXPECT_EQ(cameras[c].poses[0].field_of_view, 30);
-  EXPECT_EQ(cameras[c].poses[0].position, Vec3f(1, 2, 3));
-  EXPECT_EQ(cameras[c].poses[0].bokeh, 0);
-  EXPECT_EQ(cameras[c].poses[1].field_of_view, 60);
-  EXPECT_EQ(cameras[c].poses[1].bokeh, 2);
+  // The time selects the pose that the setters write.
+  const int id = 1;
+  qzSetCameraTime(id, 0.49f);
+  qzSetCameraFOV(id, 30);
+  qzSetCameraPosition(id, 1, 2, 3);
+  qzSetCameraTime(id, 0.5f);
+  qzSetCameraFOV(id, 60);
+  qzSetCameraBokeh(id, 2);
+  EXPECT_EQ(c.poses[0].field_of_view, 30);
+  EXPECT_EQ(c.poses[0].position, Vec3f(1, 2, 3));
+  EXPECT_EQ(c.poses[0].bokeh, 0);
+  EXPECT_EQ(c.poses[1].field_of_view, 60);
+  EXPECT_EQ(c.poses[1].bokeh, 2);
   // Indices outside the array are dropped rather than written.
   qzSetCameraFOV(7, 10);
   qzSetCameraSample(-1, 10);
   EXPECT_EQ(qzAddCameraAOV(9), -1);
-  EXPECT_EQ(cameras.size(), 1u);
+  EXPECT_EQ(cameras.size(), 2u);
 }
 
-TEST_F(CameraTest, PreparationClampsSampleAndRegionAndReportsFramebuffers) {
+TEST_F(CameraTest, PreparationClampsSampleAndRegionReportsFramebuffersAndRefusesBadSizes) {
   cameras.clear();
   const int a = qzAddCamera(), b = qzAddCamera();
   qzSetCameraResolution(a, 64, 64);
@@ -127,9 +123,8 @@ TEST_F(CameraTest, PreparationClampsSampleAndRegionAndReportsFramebuffers) {
   expectRegion(cb.region, 0, 0, 16, 8);
   for (auto& c : cameras)
     for (auto& aov : c.aovs) aov.image.name.clear();
-}
 
-TEST_F(CameraTest, ZeroSizeLeavesFramebuffersEmptyAndTheRegionEmpty) {
+  // A zero size leaves the framebuffers and the region empty.
   cameras.clear();
   const int c = qzAddCamera();
   qzSetCameraResolution(c, 32, 0);
@@ -138,8 +133,8 @@ TEST_F(CameraTest, ZeroSizeLeavesFramebuffersEmptyAndTheRegionEmpty) {
   EXPECT_GE(cameras[c].region.min_y, cameras[c].region.max_y);
   // A size that no memory holds is refused with a message, and the run goes on.
   qzSetCameraResolution(c, 1000000000, 1000000000);
-  const std::string text = captureOutput([] { qzInitializeCameras(); });
-  EXPECT_NE(text.find("error :( camera - no memory"), std::string::npos) << text;
+  const std::string refusal = captureOutput([] { qzInitializeCameras(); });
+  EXPECT_NE(refusal.find("error :( camera - no memory"), std::string::npos) << refusal;
   EXPECT_TRUE(cameras[c].aovs[0].image.floats.empty());
   EXPECT_EQ(cameras[c].region.min_x, cameras[c].region.max_x);
 }
@@ -156,12 +151,6 @@ TEST_F(CameraTest, DerivedPoseIsARightHandedBasisWithImageDistance) {
   EXPECT_NEAR(length(pose.forward - Vec3f(0.6f, 0, -0.8f)), 0, 1e-6);
   EXPECT_NEAR(length(pose.right - cross(pose.forward, pose.up)), 0, 1e-6);
   EXPECT_NEAR(pose.up.y, 1, 1e-6);
-  // The matrix rows are (s[i], d[i], p[i]).
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(pose.camera_to_world[i * 3 + 0], pose.right[i]);
-    EXPECT_EQ(pose.camera_to_world[i * 3 + 1], pose.forward[i]);
-    EXPECT_EQ(pose.camera_to_world[i * 3 + 2], pose.up[i]);
-  }
   // A target on the eye gives a zero basis and no focus, without a NaN.
   pose.target = pose.position;
   derivePose(pose, 200);
@@ -186,9 +175,9 @@ TEST_F(CameraTest, PoseInterpolatesLinearlyAndTheUpVectorSpherically) {
   EXPECT_NEAR(half.up_vector.x, std::sqrt(0.5f), 1e-6);
   EXPECT_NEAR(half.up_vector.y, std::sqrt(0.5f), 1e-6);
   const CameraPose quarter = poseAt(camera, 0.25f);
-  EXPECT_NEAR(quarter.up_vector.x, std::sin(pi / 8), 1e-6);
-  EXPECT_NEAR(quarter.up_vector.y, std::cos(pi / 8), 1e-6);
-  EXPECT_NEAR(half.image_distance, 50 / std::tan(pi / 6), 1e-3);
+  EXPECT_NEAR(quarter.up_vector.x, std::sin(testPi / 8), 1e-6);
+  EXPECT_NEAR(quarter.up_vector.y, std::cos(testPi / 8), 1e-6);
+  EXPECT_NEAR(half.image_distance, 50 / std::tan(testPi / 6), 1e-3);
   // Nearly parallel hints mix linearly, unnormalised.
   camera.poses[1].up_vector = {0, 3, 0};
   EXPECT_EQ(poseAt(camera, 0.5f).up_vector, Vec3f(0, 2, 0));
@@ -251,13 +240,13 @@ TEST_F(CameraTest, CentrePixelLooksAtTheTargetAndEdgesSpanTheFieldOfView) {
     generatePixelSample(camera, 0, H / 2, 0, left);
     generatePixelSample(camera, W - 1, H / 2, 0, right);
     const float span = angleBetween(left.direction, right.direction);
-    EXPECT_LE(span, 50 * pi / 180 + 1e-5f);
+    EXPECT_LE(span, 50 * testPi / 180 + 1e-5f);
     widest = std::max(widest, span);
     // The left edge lies to the left: negative x in world space.
     EXPECT_LT(left.direction.x, 0);
     EXPECT_GT(right.direction.x, 0);
   }
-  EXPECT_GT(widest, 50 * pi / 180 - 2 * pixelAngle);
+  EXPECT_GT(widest, 50 * testPi / 180 - 2 * pixelAngle);
 }
 
 TEST_F(CameraTest, SamplesSpreadUniformlyOverThePixel) {
@@ -304,10 +293,10 @@ TEST_F(CameraTest, BokehRaysPassThroughTheFocusPoint) {
     EXPECT_NEAR(length(focusPoint - Vec3f(0, 0, 5)), focus, 1e-4);
     EXPECT_LE(angleBetween(focusPoint - Vec3f(0, 0, 5), Vec3f(0, 0, -1)), 0.75f * pixelAngle);
     const float cone = angleBetween(ray.direction, focusPoint - Vec3f(0, 0, 5));
-    EXPECT_LE(cone, 10 * pi / 180 + 1e-4f);
+    EXPECT_LE(cone, 10 * testPi / 180 + 1e-4f);
     widest = std::max(widest, cone);
   }
-  EXPECT_GT(widest, 9 * pi / 180);
+  EXPECT_GT(widest, 9 * testPi / 180);
   // A lens of 90 degrees covers the whole half sphere about the pixel's ray.
   Camera& wide = stillCamera(W, H, 40, 90);
   float widestWide = 0;
@@ -315,10 +304,10 @@ TEST_F(CameraTest, BokehRaysPassThroughTheFocusPoint) {
     Ray ray;
     generatePixelSample(wide, W / 2, H / 2, 0, ray);
     const float cone = angleBetween(ray.direction, Vec3f(0, 0, -1));
-    EXPECT_LE(cone, pi / 2 + pixelAngle);
+    EXPECT_LE(cone, testPi / 2 + pixelAngle);
     widestWide = std::max(widestWide, cone);
   }
-  EXPECT_GT(widestWide, 0.45f * pi);
+  EXPECT_GT(widestWide, 0.45f * testPi);
 }
 
 TEST_F(CameraTest, SphericalCameraCoversTheWholeSphere) {
@@ -333,7 +322,7 @@ TEST_F(CameraTest, SphericalCameraCoversTheWholeSphere) {
     EXPECT_NEAR(length(ray.direction), 1, 1e-5);
     return ray.direction;
   };
-  const float rowAngle = pi / H;
+  const float rowAngle = testPi / H;
   // The middle of the image looks forward, a quarter in looks left, the top up, the bottom down.
   EXPECT_LT(angleBetween(direction(W / 2, H / 2), pose.forward), 2 * rowAngle);
   EXPECT_LT(angleBetween(direction(W / 4, H / 2), -pose.right), 2 * rowAngle);

@@ -123,19 +123,15 @@ TEST(Stone, SumsTheLevelsAsTheReference) {
   EXPECT_EQ(evaluateStone(off, surfaceAt({0.5f, 0.5f, 0.5f}, 0)), zeroVector);
 }
 
-TEST(Flake, DenseLayerCoversEverythingWithUnitDirections) {
-  FlakeLayer flake;
-  flake.density = 2, flake.scale = 0.25f;
-  prepareLayer(flake);
-  for (int i = 0; i < 50; ++i) {
-    const Vec3f v = evaluateFlake(flake, surfaceAt({i * 0.37f, -i * 0.11f, 1.5f}, 3));
-    EXPECT_NEAR(length(v), 1.0f, 1e-5);
-  }
-  flake.density = 0;
-  EXPECT_EQ(evaluateFlake(flake, surfaceAt({1, 2, 3}, 0)), zeroVector);
-}
+TEST(Flake, DenseLayersGiveUnitDirectionsLookupsAreCachedAndIdsHashTheValues) {
+  FlakeLayer dense;
+  dense.density = 2, dense.scale = 0.25f;
+  prepareLayer(dense);
+  for (int i = 0; i < 50; ++i)
+    EXPECT_NEAR(length(evaluateFlake(dense, surfaceAt({i * 0.37f, -i * 0.11f, 1.5f}, 3))), 1.0f, 1e-5);
+  dense.density = 0;
+  EXPECT_EQ(evaluateFlake(dense, surfaceAt({1, 2, 3}, 0)), zeroVector);
 
-TEST(Flake, SecondLookupAtTheSamePointHitsTheCache) {
   FlakeLayer flake;
   flake.density = 2, flake.scale = 0.5f, flake.depth = 0;
   prepareLayer(flake);
@@ -147,9 +143,7 @@ TEST(Flake, SecondLookupAtTheSamePointHitsTheCache) {
   flake.density = 1e-9f;
   EXPECT_EQ(evaluateFlake(flake, at), first);
   EXPECT_EQ(evaluateFlake(flake, surfaceAt({0.31f, 0.6f, 0.9f}, 11)), zeroVector);
-}
 
-TEST(Flake, LayerIdsAreHashesOfTheValues) {
   FlakeLayer a, b, c;
   a.density = b.density = c.density = 0.4f;
   a.scale = b.scale = c.scale = 0.1f;

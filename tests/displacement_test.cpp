@@ -132,23 +132,6 @@ TEST_F(DisplacementTest, GreyHalfLeavesTheSurface) {
   EXPECT_FALSE(images[image].loaded);
 }
 
-TEST_F(DisplacementTest, OtherShadersSurviveAsTriangles) {
-  const int plain = qzAddShader();
-  qzSetShaderSmoothAngle(plain, 30);
-  const int o = squares({displacing(30, 2), plain});
-  prepare(o);
-  const Mesh& mesh = objects[o].mesh;
-  EXPECT_TRUE(mesh.tetragons.empty());
-  int plainFaces = 0;
-  for (const Triangle& t : mesh.triangles) {
-    if (t.shader != uint32_t(plain)) continue;
-    ++plainFaces;
-    for (uint32_t v : {t.i0, t.i1, t.i2}) EXPECT_EQ(mesh.worldPositions[v].z, 0.0f);
-  }
-  EXPECT_EQ(plainFaces, 2);
-  EXPECT_EQ(mesh.triangles.size(), 2u + 8u);
-}
-
 TEST_F(DisplacementTest, FlatShadersHaveNoNormalsToDisplaceAlong) {
   const int o = squares({displacing(0, 4)});
   const std::string out = prepare(o);
@@ -160,14 +143,23 @@ TEST_F(DisplacementTest, FlatShadersHaveNoNormalsToDisplaceAlong) {
   for (Vec3f p : mesh.worldPositions) EXPECT_EQ(p.z, 0.0f);
 }
 
-TEST_F(DisplacementTest, LayersStackOnTheOutputOfTheLastOne) {
-  const int s = displacing(30, 2);
-  shaders[s].geometry.vector.push_back(shaders[s].geometry.vector[0]);
-  const int o = squares({s});
+TEST_F(DisplacementTest, LayersStackAndOtherShadersSurviveAsTriangles) {
+  const int stacked = displacing(30, 2);
+  shaders[stacked].geometry.vector.push_back(shaders[stacked].geometry.vector[0]);
+  const int plain = qzAddShader();
+  qzSetShaderSmoothAngle(plain, 30);
+  const int o = squares({stacked, plain});
   prepare(o);
   const Mesh& mesh = objects[o].mesh;
-  EXPECT_EQ(mesh.triangles.size(), 2u * 4u * 4u);
-  for (Vec3f p : mesh.worldPositions) EXPECT_EQ(p.z, 2.0f);
+  EXPECT_TRUE(mesh.tetragons.empty());
+  // Two layers of level 2: 2 x 4 x 4 triangles, each layer moving on from the last one's output.
+  int plainFaces = 0;
+  for (const Triangle& t : mesh.triangles) {
+    plainFaces += t.shader == uint32_t(plain);
+    for (uint32_t v : {t.i0, t.i1, t.i2}) EXPECT_EQ(mesh.worldPositions[v].z, t.shader == uint32_t(plain) ? 0 : 2);
+  }
+  EXPECT_EQ(plainFaces, 2);
+  EXPECT_EQ(mesh.triangles.size(), 2u + 2u * 4u * 4u);
 }
 
 TEST_F(DisplacementTest, LevelsBeyondMemoryAreRefusedAndTheMeshStays) {

@@ -3,12 +3,10 @@
 // or, should the process be killed, by the cluster's own watchdog. Where Slurm
 // cannot start (not root, no packages to be had), the tests say why and skip.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -17,33 +15,17 @@
 #include <thread>
 
 #include "app/tiling.h"
-#include "shading/image.h"
-#include "tests/test_util.h"
+#include "tests/command_fixture.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-struct Outcome {
-  int status;
-  std::string out;
-};
-
-// Runs a shell command, returning its status and standard output.
-Outcome shell(const std::string& command) {
-  Outcome result{-1, ""};
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return result;
-  char buffer[4096];
-  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.out.append(buffer, n);
-  const int status = pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
+using Outcome = ShellOutcome;
 
 std::string quote(const std::string& text) { return "'" + text + "'"; }
 
 const std::string source = std::getenv("QZ_SOURCE_DIR") ? std::getenv("QZ_SOURCE_DIR") : ".";
-const std::string binary = fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "quazel";
+const std::string binary = quazelBinary();
 const std::string scene = source + "/scenes/first";
 // Small and short: the point is that the pieces fit, not the picture.
 const std::string renderOptions = "--resolution 96 54 --samples 4";
@@ -55,13 +37,11 @@ struct LocalCluster {
     const std::string log = scratchFolder("farm-cluster-start") + "/stderr";
     const Outcome run = shell("bash " + quote(source + "/scripts/farm/local-cluster.sh") + " start --owner " +
                               std::to_string(getpid()) + " 2>" + quote(log));
-    std::ifstream file(log);
-    std::stringstream text;
-    text << file.rdbuf();
+    const std::string errors = readFile(log);
     if (run.status == 0)
       folder = run.out.substr(0, run.out.find('\n'));
     else
-      reason = text.str().empty() ? "local-cluster.sh failed" : text.str();
+      reason = errors.empty() ? "local-cluster.sh failed" : errors;
   }
   void stop() {
     if (!folder.empty()) shell("bash " + quote(source + "/scripts/farm/local-cluster.sh") + " stop " + quote(folder));
@@ -111,24 +91,15 @@ std::map<std::string, std::string> jobStates(const std::string& id) {
   return states;
 }
 
-Image loadFloats(const std::string& path) {
-  Image image;
-  image.name = path;
-  image.packFloats = 0;
-  imageSearchPaths = {""};
-  captureOutput([&] { loadImage(image); });
-  return image;
-}
-
 // Every pixel of the merged images is its tile's, bit for bit.
 void expectTilesInFrame(const std::string& out) {
   for (const std::string name : {"beauty.hdr", "depth.pfm"}) {
-    const Image frame = loadFloats(out + "/frame/" + name);
+    const Image frame = loadStoredImage(out + "/frame/" + name);
     ASSERT_EQ(frame.width, 96) << name;
     ASSERT_EQ(frame.height, 54) << name;
     EXPECT_TRUE(fs::exists(out + "/frame/" + name.substr(0, name.find('.')) + ".png")) << name;
     for (int i = 1; i <= 4; ++i) {
-      const Image tile = loadFloats(out + "/tile-" + std::to_string(i) + "/" + name);
+      const Image tile = loadStoredImage(out + "/tile-" + std::to_string(i) + "/" + name);
       ASSERT_EQ(tile.floats.size(), frame.floats.size()) << name;
       const PixelRect band = tileBand({0, 0, 96, 54}, i, 4);
       for (int y = band.y0; y < band.y1; ++y) {
@@ -191,10 +162,10 @@ TEST_F(FarmCluster, FourTilesMergeIntoTheFrameOfASingleRender) {
   // No two renders are equal, but the merged frame and the single render must
   // agree within their noise, band by band: the mean difference of brightness
   // over a band against its standard error.
-  const Image merged = loadFloats(work + "/farm/frame/beauty.hdr");
+  const Image merged = loadStoredImage(work + "/farm/frame/beauty.hdr");
   Image reference;
   for (const auto& entry : fs::directory_iterator(work + "/single"))
-    if (entry.path().extension() == ".hdr") reference = loadFloats(entry.path());
+    if (entry.path().extension() == ".hdr") reference = loadStoredImage(entry.path());
   ASSERT_EQ(reference.floats.size(), merged.floats.size());
   for (int i = 1; i <= 4; ++i) {
     const PixelRect band = tileBand({0, 0, 96, 54}, i, 4);

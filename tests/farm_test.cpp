@@ -10,8 +10,7 @@
 #include "app/merge.h"
 #include "app/options.h"
 #include "app/tiling.h"
-#include "shading/image.h"
-#include "tests/test_util.h"
+#include "tests/command_fixture.h"
 
 namespace fs = std::filesystem;
 
@@ -39,15 +38,6 @@ std::vector<uint8_t> pixelBytes(const Image& image, int64_t p) {
     return std::vector<uint8_t>(base, base + size);
   };
   return image.floats.empty() ? slice(image.bytes) : slice(image.floats);
-}
-
-Image load(const std::string& path) {
-  Image image;
-  image.name = path;
-  image.packFloats = 0;  // the floats as stored, not repacked
-  imageSearchPaths = {""};
-  captureOutput([&] { loadImage(image); });
-  return image;
 }
 
 const std::vector<std::string> outputs = {"beauty.hdr", "depth.pfm", "mask.png"};
@@ -195,11 +185,11 @@ TEST(FarmMerge, JoinsTilesBitForBitWithAPngBesideFloatImages) {
   // The tiles' display copies are made afresh; an 8-bit output gets none.
   EXPECT_EQ(names, (std::set<std::string>{"beauty.hdr", "beauty.png", "depth.pfm", "depth.png", "mask.png"}));
   for (const std::string& name : outputs) {
-    const Image merged = load(work + "/frame/" + name);
+    const Image merged = loadStoredImage(work + "/frame/" + name);
     ASSERT_EQ(merged.width, 16) << name;
     ASSERT_EQ(merged.height, 12) << name;
     Image tiles[3];
-    for (int i = 0; i < 3; ++i) tiles[i] = load(work + "/tile-" + std::to_string(i + 1) + "/" + name);
+    for (int i = 0; i < 3; ++i) tiles[i] = loadStoredImage(work + "/tile-" + std::to_string(i + 1) + "/" + name);
     const std::vector<uint8_t> zero = pixelBytes(tiles[0], 0);
     for (int y = 0; y < 12; ++y)
       for (int x = 0; x < 16; ++x) {

@@ -17,12 +17,6 @@ Ray hitFrom(Vec3f origin, Vec3f direction) {
   return ray;
 }
 
-void expectNear(Vec3f a, Vec3f b, float tolerance = 1e-5f) {
-  EXPECT_NEAR(a.x, b.x, tolerance);
-  EXPECT_NEAR(a.y, b.y, tolerance);
-  EXPECT_NEAR(a.z, b.z, tolerance);
-}
-
 void expectOrthonormal(const Surface& s) {
   EXPECT_NEAR(length(s.normal), 1, 1e-5f);
   EXPECT_NEAR(length(s.tangent), 1, 1e-5f);
@@ -60,7 +54,7 @@ Surface fill(const Ray& ray) {
 
 }  // namespace
 
-TEST_F(FillTest, ATriangleBlendsItsCornersAndFacesTheViewer) {
+TEST_F(FillTest, ATriangleBlendsItsCornersFacesTheViewerAndTakesItsTangentFromU) {
   const int shader = qzAddShader();
   leaningTriangle(shader);
   assemble();
@@ -70,14 +64,14 @@ TEST_F(FillTest, ATriangleBlendsItsCornersAndFacesTheViewer) {
   // From below: the face's normal points up, away from the viewer, so both normals turn.
   const Ray ray = hitFrom({0.25f, 0.5f, -2}, {0, 0, 1});
   const Surface s = fill(ray);
-  expectNear(s.position, {0.25f, 0.5f, 0});
-  expectNear(s.smooth_position, {0.25f, 0.5f, 0});
-  expectNear(s.view, {0, 0, -1});
+  expectVecNear(s.position, {0.25f, 0.5f, 0});
+  expectVecNear(s.smooth_position, {0.25f, 0.5f, 0});
+  expectVecNear(s.view, {0, 0, -1});
   EXPECT_NEAR(s.uv[0], 0.25f, 1e-6f);
   EXPECT_NEAR(s.uv[1], 0.5f, 1e-6f);
-  expectNear(s.geometric_normal, {0, 0, -1});
+  expectVecNear(s.geometric_normal, {0, 0, -1});
   // Packed normals carry ten bits a component.
-  expectNear(s.normal, -normalize(0.25f * n0 + 0.25f * n1 + 0.5f * n2), 5e-3f);
+  expectVecNear(s.normal, -normalize(0.25f * n0 + 0.25f * n1 + 0.5f * n2), 5e-3f);
   expectOrthonormal(s);
   EXPECT_NEAR(s.cos_view, dot(s.view, s.normal), 1e-6f);
   EXPECT_EQ(s.instance_id, ray.hit.instance_id);
@@ -89,9 +83,25 @@ TEST_F(FillTest, ATriangleBlendsItsCornersAndFacesTheViewer) {
   bounced.diffuse_bounces = 1;
   const Surface b = fill(bounced);
   EXPECT_EQ(b.uv[0], 0);
-  expectNear(b.normal, {0, 0, 1});
+  expectVecNear(b.normal, {0, 0, 1});
   shaders[shader].needs_surface_normal = 1;
   EXPECT_GT(fill(bounced).normal.y, 0.05f);
+
+  // Tangents follow increasing u: with uv equal to x and y, +x made orthogonal to the leaning normal.
+  shaders[shader].needs_tangents = 1;
+  const Surface t = fill(hitFrom({0.2f, 0.2f, 1}, {0, 0, -1}));
+  expectOrthonormal(t);
+  EXPECT_GT(t.tangent.x, 0.95f);
+
+  // A cheap query of a plain shader stops after the position.
+  shaders[shader].plain = 1;
+  Surface cheap;
+  cheap.cheap_query = 1;
+  const Ray top = hitFrom({0.2f, 0.2f, 1}, {0, 0, -1});
+  fillTriangle(top.hit.object->mesh, top, shaders[shader], cheap);
+  expectVecNear(cheap.position, {0.2f, 0.2f, 0});
+  EXPECT_EQ(cheap.normal, zeroVector);
+  EXPECT_FALSE(cheap.diffuse_on[0]);
 }
 
 TEST_F(FillTest, RoundedCornersKeepTheFaceNormalInsideAndTheirOwnAtTheCorners) {
@@ -100,12 +110,12 @@ TEST_F(FillTest, RoundedCornersKeepTheFaceNormalInsideAndTheirOwnAtTheCorners) {
   assemble();
   shaders[shader].geometry.round_corner = 0.2f;
   // All three weights at or above 0.2: the face normal.
-  expectNear(fill(hitFrom({0.3f, 0.3f, 1}, {0, 0, -1})).normal, {0, 0, 1});
+  expectVecNear(fill(hitFrom({0.3f, 0.3f, 1}, {0, 0, -1})).normal, {0, 0, 1});
   // Near corner 1 the corner's own normal takes over.
-  expectNear(fill(hitFrom({0.999f, 0.0005f, 1}, {0, 0, -1})).normal, normalize({1, 0, 4}), 2e-2f);
+  expectVecNear(fill(hitFrom({0.999f, 0.0005f, 1}, {0, 0, -1})).normal, normalize({1, 0, 4}), 2e-2f);
   // Beside the edge from corner 1 to corner 2, halfway: the normal of that edge, half blended.
   const Vec3f edge = normalize(normalize({1, 0, 4}) + normalize({0, 1, 4}));
-  expectNear(fill(hitFrom({0.45f, 0.45f, 1}, {0, 0, -1})).normal, normalize(0.5f * edge + 0.5f * Vec3f{0, 0, 1}), 2e-2f);
+  expectVecNear(fill(hitFrom({0.45f, 0.45f, 1}, {0, 0, -1})).normal, normalize(0.5f * edge + 0.5f * Vec3f{0, 0, 1}), 2e-2f);
 }
 
 TEST_F(FillTest, AFourCorneredFaceRoundsByItsSquareRegions) {
@@ -122,42 +132,16 @@ TEST_F(FillTest, AFourCorneredFaceRoundsByItsSquareRegions) {
   shaders[shader].geometry.round_corner = 0.25f;
   auto normalAt = [](float x, float y) { return fill(hitFrom({x, y, 1}, {0, 0, -1})).normal; };
   // u runs along y here (from edge 0-1 to edge 2-3), v along x.
-  expectNear(normalAt(0.5f, 0.5f), {0, 0, 1});
-  expectNear(normalAt(1e-4f, 1e-4f), normalize({-1, -1, 2}), 5e-3f);
+  expectVecNear(normalAt(0.5f, 0.5f), {0, 0, 1});
+  expectVecNear(normalAt(1e-4f, 1e-4f), normalize({-1, -1, 2}), 5e-3f);
   const Vec3f e01 = normalize(normalize({-1, -1, 2}) + normalize({1, -1, 2}));
-  expectNear(normalAt(0.5f, 1e-4f), e01, 5e-3f);
+  expectVecNear(normalAt(0.5f, 1e-4f), e01, 5e-3f);
   // r of 1 blends the four corners over the whole face.
   shaders[shader].geometry.round_corner = 1;
-  expectNear(normalAt(0.5f, 0.5f), {0, 0, 1});
-  expectNear(normalAt(0.25f, 0.25f), normalize(0.5625f * normalize({-1, -1, 2}) + 0.1875f * normalize({1, -1, 2}) +
+  expectVecNear(normalAt(0.5f, 0.5f), {0, 0, 1});
+  expectVecNear(normalAt(0.25f, 0.25f), normalize(0.5625f * normalize({-1, -1, 2}) + 0.1875f * normalize({1, -1, 2}) +
                                                0.0625f * normalize({1, 1, 2}) + 0.1875f * normalize({-1, 1, 2})),
              5e-3f);
-}
-
-TEST_F(FillTest, TangentsFollowIncreasingU) {
-  const int shader = qzAddShader();
-  leaningTriangle(shader);
-  assemble();
-  shaders[shader].needs_tangents = 1;
-  const Surface s = fill(hitFrom({0.2f, 0.2f, 1}, {0, 0, -1}));
-  expectOrthonormal(s);
-  // uv equal x and y: the tangent is +x, made orthogonal to the leaning normal.
-  EXPECT_GT(s.tangent.x, 0.95f);
-  EXPECT_NEAR(dot(s.tangent, s.normal), 0, 1e-5f);
-}
-
-TEST_F(FillTest, ACheapQueryOfAPlainShaderStopsAfterThePosition) {
-  const int shader = qzAddShader();
-  leaningTriangle(shader);
-  assemble();
-  shaders[shader].plain = 1;
-  Surface s;
-  s.cheap_query = 1;
-  const Ray ray = hitFrom({0.2f, 0.2f, 1}, {0, 0, -1});
-  fillTriangle(ray.hit.object->mesh, ray, shaders[shader], s);
-  expectNear(s.position, {0.2f, 0.2f, 0});
-  EXPECT_EQ(s.normal, zeroVector);
-  EXPECT_FALSE(s.diffuse_on[0]);
 }
 
 TEST_F(FillTest, FramesComeBackOutOfPlacements) {
@@ -169,8 +153,8 @@ TEST_F(FillTest, FramesComeBackOutOfPlacements) {
   const Ray ray = hitFrom({0.5f, 0, 0.5f}, {0, 1, 0});
   EXPECT_EQ(ray.hit.depth, 1);
   const Surface s = fill(ray);
-  expectNear(s.position, {0.5f, 5, 0.5f});
-  expectNear(s.geometric_normal, {0, -1, 0});
+  expectVecNear(s.position, {0.5f, 5, 0.5f});
+  expectVecNear(s.geometric_normal, {0, -1, 0});
   EXPECT_GT(dot(s.normal, s.view), 0);
   expectOrthonormal(s);
 }
@@ -179,13 +163,13 @@ TEST_F(FillTest, AParticleFacesTheViewerFromOutsideAndInside) {
   particle({0, 0, 5}, 2);
   assemble();
   const Surface outside = fill(hitFrom({0, 0, 0}, {0, 0, 1}));
-  expectNear(outside.position, {0, 0, 3});
-  expectNear(outside.geometric_normal, {0, 0, -2});  // the offset to the hit, not made unit
-  expectNear(outside.normal, {0, 0, -1});
+  expectVecNear(outside.position, {0, 0, 3});
+  expectVecNear(outside.geometric_normal, {0, 0, -2});  // the offset to the hit, not made unit
+  expectVecNear(outside.normal, {0, 0, -1});
   expectOrthonormal(outside);
   const Surface inside = fill(hitFrom({0, 0, 5}, {1, 0, 0}));
-  expectNear(inside.position, {2, 0, 5});
-  expectNear(inside.normal, {-1, 0, 0});
+  expectVecNear(inside.position, {2, 0, 5});
+  expectVecNear(inside.normal, {-1, 0, 0});
 }
 
 TEST_F(FillTest, AFibreGetsItsAxisAndATurnedNormal) {
@@ -195,11 +179,11 @@ TEST_F(FillTest, AFibreGetsItsAxisAndATurnedNormal) {
     const Ray ray = hitFrom({1.3f, 0.05f, -2}, {0, 0, 1});
     const Surface s = fill(ray);
     const float f = ray.coords[2];
-    expectNear(s.position, {1 + f, 0, 0});
+    expectVecNear(s.position, {1 + f, 0, 0});
     // The strand's parameter runs 0, 1/3, 2/3 over its vertices.
     EXPECT_NEAR(s.hair_t, (1 + f) / 3, 1e-6f);
     EXPECT_EQ(s.hair_h, ray.across);
-    expectNear(s.tangent, {1, 0, 0});
+    expectVecNear(s.tangent, {1, 0, 0});
     EXPECT_NEAR(dot(s.normal, s.tangent), 0, 1e-5f);
     EXPECT_NEAR(length(s.normal), 1, 1e-5f);
     EXPECT_NEAR(dot(s.bitangent, s.tangent), 0, 1e-5f);

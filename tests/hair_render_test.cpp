@@ -55,8 +55,7 @@ TEST_F(FibreRender, DiffuseCylinderUnderAParallelLight) {
     float share;
   };
   for (const Case& c : {Case{{0, 0, -1}, testPi / 4}, Case{{0, -1, 0}, 0.25f}}) {
-    TearDown();
-    SetUp();
+    restart();
     build(fibreShader(diffuseChannel, albedo), 2);
     const int id = qzAddParallelLight();
     qzSetParallelLightDirection(id, c.direction.x, c.direction.y, c.direction.z);
@@ -109,8 +108,7 @@ TEST_F(FibreRender, SkySampledAndBouncesWeighed) {
   saveImage(image);
   const Color3f expected = 0.8f * Color3f{0.5f, 0.75f, 1};
   for (int channel : {diffuseChannel, glossyChannel}) {
-    TearDown();
-    SetUp();
+    restart();
     qzSetSkyLightImage(image.name.c_str());
     qzSetSkyLightColor(1, 1, 1);
     build(fibreShader(channel, {0.8f, 0.8f, 0.8f}), 4);
@@ -139,9 +137,7 @@ TEST_F(FibreRender, UnderAnEmittingCeiling) {
   });
   EXPECT_NEAR(share, 0.49, 0.01);
   for (int lightSample : {0, 64}) {
-    TearDown();
-    SetUp();
-    vertices = 0;
+    restart();
     const int lamp = addShader(emissionChannel, black);
     qzSetShaderColor(lamp, 1, emissionChannel, emission.r, emission.g, emission.b);
     qzSetShaderColor(lamp, 3, diffuseChannel, 0, 0, 0);

@@ -150,6 +150,10 @@ TEST_F(ImageDecode, CorruptFilesOfEveryKindAreRefused) {
   const size_t box = window + std::strlen("dataWindow") + 1 + std::strlen("box2i") + 1 + 4;
   std::memcpy(&huge[box + 8], "\xff\xff\xff\x3f\xff\xff\xff\x3f", 8);
   paths.push_back(write("huge.exr", huge));
+  // Not an image at all, and a PNG cut in half.
+  paths.push_back(write("garbage.png", "this is not an image at all\x01\x02\x03"));
+  const std::string png = saved("good.png");
+  paths.push_back(write("half.png", png.substr(0, png.size() / 2)));
   // PNG and TIFF headers that claim ten thousand megapixels.
   paths.push_back(write("huge.png", pngClaiming(100000, 100000)));
   paths.push_back(write("huge.tif", tiffClaiming(100000, 100000, 8)));

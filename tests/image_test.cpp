@@ -3,7 +3,6 @@
 #include <FreeImage.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "qz.h"
 #include "shading/image.h"
@@ -43,11 +42,6 @@ int savedPattern(const std::string& name) {
   return image;
 }
 
-void expectNear(Color3f a, Color3f b, float tolerance) {
-  EXPECT_NEAR(a.r, b.r, tolerance);
-  EXPECT_NEAR(a.g, b.g, tolerance);
-  EXPECT_NEAR(a.b, b.b, tolerance);
-}
 }  // namespace
 
 TEST_F(Images, RoundTripsKeepPixelsInTheirRowOrder) {
@@ -71,7 +65,7 @@ TEST_F(Images, RoundTripsKeepPixelsInTheirRowOrder) {
     ASSERT_EQ(images[loaded].width, 4);
     ASSERT_EQ(images[loaded].height, 3);
     for (int y = 0; y < 3; ++y)
-      for (int x = 0; x < 4; ++x) expectNear(colorAt(loaded, x, y), pattern(x, c.upsideDown ? 2 - y : y), c.tolerance);
+      for (int x = 0; x < 4; ++x) expectColorNear(colorAt(loaded, x, y), pattern(x, c.upsideDown ? 2 - y : y), c.tolerance);
   }
 }
 
@@ -104,7 +98,7 @@ TEST_F(Images, SixteenBitWhiteReadsAs257) {
   qzSetImageName(image, name.c_str());
   ASSERT_TRUE(qzLoadImage(image));
   EXPECT_EQ(images[image].depth, 16);
-  expectNear(colorAt(image, 1, 1), {257, 257, 257}, 1e-3f);
+  expectColorNear(colorAt(image, 1, 1), {257, 257, 257}, 1e-3f);
 }
 
 TEST_F(Images, MissingFileIsReportedAndLeavesTheRecordEmpty) {
@@ -117,29 +111,6 @@ TEST_F(Images, MissingFileIsReportedAndLeavesTheRecordEmpty) {
   EXPECT_EQ(images[image].loaded, 0);
 }
 
-TEST_F(Images, BadFilesNeverCrashAndSayWhy) {
-  savedPattern(folder + "/good.png");
-  std::ifstream good(folder + "/good.png", std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(good)), {});
-  std::ofstream(folder + "/truncated.png", std::ios::binary) << bytes.substr(0, bytes.size() / 2);
-  std::ofstream(folder + "/garbage.png", std::ios::binary) << "this is not an image at all\x01\x02\x03";
-  std::ofstream(folder + "/empty.png", std::ios::binary);
-  std::ofstream(folder + "/header.png", std::ios::binary) << bytes.substr(0, 40);
-  for (const char* bad : {"truncated.png", "garbage.png", "empty.png", "header.png"}) {
-    SCOPED_TRACE(bad);
-    int image = qzAddImage();
-    const std::string name = folder + "/" + bad;
-    qzSetImageName(image, name.c_str());
-    std::string text = captureOutput([&] { qzLoadImage(image); });
-    if (images[image].loaded) {
-      // A partially decodable file may load, but never with the wrong size.
-      EXPECT_EQ(images[image].width, 4);
-    } else {
-      EXPECT_NE(text.find("error :( image - " + name), std::string::npos) << text;
-    }
-  }
-}
-
 TEST_F(Images, SearchPathsAreTriedInOrder) {
   std::filesystem::create_directories(folder + "/textures");
   savedPattern(folder + "/textures/found.pfm");
@@ -150,7 +121,7 @@ TEST_F(Images, SearchPathsAreTriedInOrder) {
   int image = qzAddImage();
   qzSetImageName(image, "found.pfm");
   EXPECT_TRUE(qzLoadImage(image));
-  expectNear(colorAt(image, 3, 2), pattern(3, 2), 0);
+  expectColorNear(colorAt(image, 3, 2), pattern(3, 2), 0);
   EXPECT_EQ(findOrAddImage("found.pfm"), image);
   EXPECT_EQ(findOrAddImage(""), -1);
   EXPECT_EQ(findOrAddImage("other.png"), image + 1);
@@ -191,6 +162,10 @@ TEST_F(Images, PixelWritesFollowTheirDepth) {
   qzCreateImage(empty, 0, 5);
   EXPECT_EQ(images[empty].loaded, 1);
   EXPECT_TRUE(images[empty].floats.empty());
+  // An image of no pixels has black statistics, not NaN.
+  Color3f mean{1, 1, 1}, variance;
+  imageStatistics(images[empty], mean, variance);
+  EXPECT_EQ(mean, black);
 }
 
 TEST_F(Images, AddressingWrapsOrClamps) {
@@ -201,63 +176,4 @@ TEST_F(Images, AddressingWrapsOrClamps) {
   EXPECT_EQ(addressPixel(image, 7, 9, 0, 0), 1 * 5 + 2);
   EXPECT_EQ(addressPixel(image, -3, 9, 1, 1), 3 * 5);
   EXPECT_EQ(addressPixel(image, 6, 1, 2, 2), 1 * 5 + 6);
-}
-
-TEST_F(Images, SamplersFiltersAndTransforms) {
-  Image image;
-  allocateImage(image, 2, 2, 3, 32, 0);
-  writePixel(image, {0, 0, 0}, 0);
-  writePixel(image, {1, 0, 0}, 1);
-  writePixel(image, {0, 1, 0}, 2);
-  writePixel(image, {1, 1, 1}, 3);
-  TextureNode lookup;
-  lookup.pixel_sampler = PixelSampler::nearest;
-  EXPECT_EQ(sampleImage(image, 0.75f, 0.25f, lookup), (Color3f{1, 0, 0}));
-  lookup.pixel_sampler = PixelSampler::bilinear;
-  lookup.wrapU = lookup.wrapV = 1;
-  // Texel corners sit at whole coordinates: a quarter of the way in blends all four equally.
-  Color3f bilinear = sampleImage(image, 0.25f, 0.25f, lookup);
-  expectNear(bilinear, {0.5f, 0.5f, 0.25f}, 1e-6f);
-  lookup.pixel_sampler = PixelSampler::stochastic;
-  Color3f mean;
-  const int n = 40000;
-  for (int i = 0; i < n; ++i) mean += sampleImage(image, 0.25f, 0.25f, lookup) / float(n);
-  expectNear(mean, bilinear, 0.02f);
-
-  // Gamma applies per texel before the blend.
-  lookup.pixel_sampler = PixelSampler::bilinear;
-  lookup.gamma = 2;
-  Image grey;
-  allocateImage(grey, 2, 1, 3, 32, 0);
-  writePixel(grey, {0.5f, 0.5f, 0.5f}, 0);
-  writePixel(grey, {1, 1, 1}, 1);
-  expectNear(sampleImage(grey, 0.25f, 0.25f, lookup), {0.625f, 0.625f, 0.625f}, 1e-6f);
-
-  // The uv matrix maps before lookup; the colour matrix divides by green taken twice.
-  lookup = TextureNode{};
-  lookup.pixel_sampler = PixelSampler::nearest;
-  lookup.uvIdentity = 0;
-  const float swap[9] = {0, 1, 0, 1, 0, 0, 0, 0, 1};
-  std::copy(swap, swap + 9, lookup.uv_matrix);
-  EXPECT_EQ(sampleImage(image, 0.75f, 0.25f, lookup), (Color3f{0, 1, 0}));
-  lookup.uvIdentity = 1;
-  lookup.colorIdentity = 0;
-  for (int c = 0; c < 4; ++c) lookup.color_matrix(3, c) = 1;
-  // Texel (0, 1) is green: w = g + r + g + 1 = 3, not g + r + b + 1 = 2.
-  expectNear(sampleImage(image, 0.25f, 0.75f, lookup), {0, 1.0f / 3, 0}, 1e-6f);
-}
-
-TEST_F(Images, StatisticsUseTheLargestChannelForVariance) {
-  Image image;
-  allocateImage(image, 2, 1, 3, 32, 0);
-  writePixel(image, {1, 0, 0}, 0);
-  writePixel(image, {0, 0, 3}, 1);
-  Color3f mean, variance;
-  imageStatistics(image, mean, variance);
-  expectNear(mean, {0.5f, 0, 1.5f}, 1e-6f);
-  // Mean of the squared largest channels is (1 + 9) / 2 = 5.
-  expectNear(variance, {5 - 0.25f, 5, 5 - 2.25f}, 1e-6f);
-  Image none;
-  imageStatistics(none, mean, variance);
-  EXPECT_EQ(mean, black);
 }

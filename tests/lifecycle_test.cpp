@@ -28,21 +28,7 @@ TEST(Lifecycle, StartupAndShutdownPrintTheBannerAndThreadRows) {
   EXPECT_FALSE(numberTablesBuilt());
 }
 
-TEST(Lifecycle, StartupRestoresRendererDefaults) {
-  qzSetRendererSample(3);
-  qzSetRendererBounce(9);
-  qzSetRendererRadius(2);
-  qzSetRendererRayDepth(30);
-  quietStartup();
-  EXPECT_EQ(renderer.sample, 64);
-  EXPECT_EQ(renderer.bounce, 1);
-  EXPECT_EQ(renderer.radius, 0);
-  EXPECT_EQ(renderer.ray_depth, 8);
-  EXPECT_EQ(renderer.photon_depth, 16);
-  EXPECT_TRUE(numberTablesBuilt());
-}
-
-TEST(Lifecycle, RendererPreparationClampsAndReports) {
+TEST(Lifecycle, RendererPreparationClampsAndReportsAndStartupRestoresTheDefaults) {
   quietStartup();
   qzSetRendererClamp(-1, 5, -2);
   qzSetRendererRayDepth(0);
@@ -67,6 +53,19 @@ TEST(Lifecycle, RendererPreparationClampsAndReports) {
   EXPECT_EQ(renderer.sample, 64);
   // Clamp, error and gamma survive finalisation.
   EXPECT_EQ(renderer.clamp, (Color3f{0, 5, 0}));
+
+  // Startup restores the defaults.
+  qzSetRendererSample(3);
+  qzSetRendererBounce(9);
+  qzSetRendererRadius(2);
+  qzSetRendererRayDepth(30);
+  quietStartup();
+  EXPECT_EQ(renderer.sample, 64);
+  EXPECT_EQ(renderer.bounce, 1);
+  EXPECT_EQ(renderer.radius, 0);
+  EXPECT_EQ(renderer.ray_depth, 8);
+  EXPECT_EQ(renderer.photon_depth, 16);
+  EXPECT_TRUE(numberTablesBuilt());
 }
 
 TEST(Lifecycle, IgnoredExportsChangeNothing) {

@@ -18,8 +18,6 @@
 #include "shading/shader.h"
 #include "tests/test_util.h"
 
-constexpr float testPi = 3.14159265f;
-
 // A point of the plane y = 0 seen from straight above, diffuse reflection only.
 inline Surface planePoint(Vec3f position, Color3f albedo) {
   Surface s;
@@ -78,8 +76,3 @@ class LightTest : public testing::Test {
   }
 };
 
-inline void expectColorNear(Color3f c, Color3f expected, float tolerance) {
-  EXPECT_NEAR(c.r, expected.r, tolerance);
-  EXPECT_NEAR(c.g, expected.g, tolerance);
-  EXPECT_NEAR(c.b, expected.b, tolerance);
-}

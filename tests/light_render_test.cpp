@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 
 #include "lights/sky.h"
 #include "shading/shader.h"
@@ -51,47 +52,48 @@ class LitFloor : public PathTest {
 };
 }  // namespace
 
-TEST_F(LitFloor, PointLightAtItsFootGivesAlbedoTimesIntensityOverHeightSquared) {
-  const int light = pointLight(2, {3, 3, 3});
-  qzSetPointLightDirection(light, 0, -1, 0);
-  build({0, 0, 0});
-  render();
-  // The view spans 0.009 about the foot; there the spot factor of the default
-  // outer angle, 1 - angle / pi, is 0.999 and the inverse square and cosine are 1.
-  expectColorNear(meanPixel(0), rho * (3.0f / 4), 0.002f * 3 / 4);
-}
-
-TEST_F(LitFloor, PointLightAwayFromItsFootWithTheDefaultAxis) {
-  // The default axis points up, so the spot factor is the angle from up over pi.
-  pointLight(2, {3, 3, 3});
-  const float x = 1.5f, d2 = x * x + 4, c = 2 / std::sqrt(d2);
-  build({x, 0, 0});
-  render();
-  const float expected = 3 * (std::acos(c) / testPi) * terminator(c, 0.1f) / d2;
-  expectColorNear(meanPixel(0), rho * expected, 2e-3f * expected);
-}
-
-TEST_F(LitFloor, SpotConeRampsFromTheInnerToTheOuterAngle) {
-  const int light = pointLight(1, {1, 1, 1});
-  qzSetPointLightDirection(light, 0, -1, 0);
-  qzSetPointLightInnerAngle(light, 20);
-  qzSetPointLightOuterAngle(light, 40);
-  qzSetPointLightOffset(light, 0);
-  const float a = 30 * testPi / 180;
-  build({std::tan(a), 0, 0});
-  render();
-  // Half way along the ramp; the degree of view spans 0.03 of the ramp.
-  const float c = std::cos(a);
-  expectColorNear(meanPixel(0), rho * (0.5f * c * c * c), 0.01f);
-}
-
-TEST_F(LitFloor, ParallelLightWithTheSoftTerminator) {
-  const int sun = qzAddParallelLight();
-  qzSetParallelLightDirection(sun, std::sin(testPi / 3), -std::cos(testPi / 3), 0);
-  qzSetParallelLightColor(sun, 2, 2, 2);
-  build({0, 0, 0});
-  render();
-  expectColorNear(meanPixel(0), rho * (2 * terminator(0.5f, 0.1f)), 1e-5f);
+TEST_F(LitFloor, PointSpotAndParallelLightsOverTheFloor) {
+  const float h2 = 1.5f * 1.5f + 4, c2 = 2 / std::sqrt(h2), a = 30 * testPi / 180, c = std::cos(a);
+  const float away = 3 * (std::acos(c2) / testPi) * terminator(c2, 0.1f) / h2;
+  const struct {
+    const char* what;
+    Vec3f target;
+    std::function<void()> light;
+    float expected, tolerance;
+  } cases[] = {
+      // The view spans 0.009 about the foot; there the spot factor of the default
+      // outer angle, 1 - angle / pi, is 0.999 and the inverse square and cosine are 1.
+      {"at the foot", {0, 0, 0}, [] { qzSetPointLightDirection(pointLight(2, {3, 3, 3}), 0, -1, 0); }, 3.0f / 4,
+       0.002f * 3 / 4},
+      // The default axis points up, so the spot factor is the angle from up over pi.
+      {"away from the foot, default axis", {1.5f, 0, 0}, [] { pointLight(2, {3, 3, 3}); },
+       away, 2e-3f * away},
+      // Half way along the spot's ramp from 20 to 40 degrees; the view spans 0.03 of the ramp.
+      {"spot ramp", {std::tan(a), 0, 0},
+       [] {
+         const int light = pointLight(1, {1, 1, 1});
+         qzSetPointLightDirection(light, 0, -1, 0);
+         qzSetPointLightInnerAngle(light, 20);
+         qzSetPointLightOuterAngle(light, 40);
+         qzSetPointLightOffset(light, 0);
+       },
+       0.5f * c * c * c, 0.01f},
+      {"parallel light with the soft terminator", {0, 0, 0},
+       [] {
+         const int sun = qzAddParallelLight();
+         qzSetParallelLightDirection(sun, std::sin(testPi / 3), -std::cos(testPi / 3), 0);
+         qzSetParallelLightColor(sun, 2, 2, 2);
+       },
+       2 * terminator(0.5f, 0.1f), 1e-5f},
+  };
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.what);
+    restart();
+    k.light();
+    build(k.target);
+    render();
+    expectColorNear(meanPixel(0), rho * k.expected, k.tolerance);
+  }
 }
 
 TEST_F(LitFloor, BlurredParallelLightHalfHiddenByARoof) {

@@ -16,7 +16,7 @@ class Numbers : public testing::Test {
   static void SetUpTestSuite() { quietStartup(); }
 };
 
-TEST_F(Numbers, RadicalInverseKnownValues) {
+TEST_F(Numbers, RadicalInverseKnownValuesAndItsTables) {
   for (uint64_t base : {2, 3, 5, 131}) EXPECT_EQ(radicalInverse(0, base), 0.0f);
   EXPECT_EQ(radicalInverse(1, 2), 0.5f);
   EXPECT_EQ(radicalInverse(3, 2), 0.75f);
@@ -24,9 +24,7 @@ TEST_F(Numbers, RadicalInverseKnownValues) {
   // 5 is "12" in base 3, mirrored to 0.21: digits added in this float order.
   const float third = 1.0f / 3.0f;
   EXPECT_EQ(radicalInverse(5, 3), 2 * third + 1 * (third * third));
-}
-
-TEST_F(Numbers, TablesAgreeWithDirectComputation) {
+  // The tables agree with the direct form.
   for (uint32_t d = 0; d < 32; ++d)
     for (uint32_t i : {0u, 1u, 7u, 1000u, 2047u}) EXPECT_EQ(lookupRadicalInverse(i, d), radicalInverse(i, Prime32[d]));
   // Past the table the direct form takes over, and dimensions wrap instead of reading past the primes.
@@ -161,13 +159,4 @@ TEST(Vectors, MatrixInverseAndPointTransform) {
   Matrix4f zero;
   std::fill(zero.m, zero.m + 16, 0.0f);
   EXPECT_FALSE(std::isfinite(inverse(zero).m[0]));
-}
-
-TEST(Vectors, Product3x3) {
-  const float a[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-  const float b[9] = {9, 8, 7, 6, 5, 4, 3, 2, 1};
-  float c[9];
-  multiply3x3(a, b, c);
-  const float expected[9] = {30, 24, 18, 84, 69, 54, 138, 114, 90};
-  for (int i = 0; i < 9; ++i) EXPECT_EQ(c[i], expected[i]);
 }

@@ -13,17 +13,21 @@
 #include "qz.h"
 #include "tests/test_util.h"
 
-constexpr float testPi = 3.14159265f;
-
 class PathTest : public testing::Test {
  protected:
   void SetUp() override {
     quietStartup();
     qzSetSkyLightColor(0, 0, 0);  // a black world unless a test lights it
     object = qzAddObject();
+    vertices = 0;
   }
   void TearDown() override {
     captureOutput([] { qzFinalize(); });
+  }
+  // Finalises this scene and starts an empty one, for tests that render several.
+  void restart() {
+    TearDown();
+    SetUp();
   }
 
   // A new shader with the given colour on both sides of one channel.
@@ -45,6 +49,16 @@ class PathTest : public testing::Test {
     const unsigned indices[4] = {first, first + 1, first + 2, first + 3};
     qzAddPrimitives(object, 4, 1, indices);
     vertices += 4;
+  }
+
+  // The six faces of a cube of half size `half` about the origin, facing out or in.
+  void addCube(int shader, float half, bool outwards) {
+    for (int axis = 0; axis < 3; ++axis)
+      for (float side : {-1.0f, 1.0f}) {
+        Vec3f n, u, v;
+        n[axis] = half * side, u[(axis + 1) % 3] = half * (outwards ? side : -side), v[(axis + 2) % 3] = half;
+        addQuad(shader, n, u, v);
+      }
   }
 
   // A square camera of `size` pixels looking from `position` at `target`, its
@@ -71,8 +85,9 @@ class PathTest : public testing::Test {
     return aov;
   }
 
-  static void render() {
-    captureOutput([] {
+  // Prepares and renders the scene; returns the report.
+  static std::string render() {
+    return captureOutput([] {
       qzInitialize();
       qzRender();
     });
@@ -106,8 +121,3 @@ inline float squareFormFactor(float a, float h) {
 // Four standard deviations of the mean of n samples that lie in [0, 1] with mean m.
 inline float meanTolerance(float m, float n) { return 4 * std::sqrt(m * (1 - m) / n); }
 
-inline void expectColorNear(Color3f c, Color3f expected, float tolerance) {
-  EXPECT_NEAR(c.r, expected.r, tolerance);
-  EXPECT_NEAR(c.g, expected.g, tolerance);
-  EXPECT_NEAR(c.b, expected.b, tolerance);
-}

@@ -179,29 +179,33 @@ class GlassSlab : public PathTest {
   }
 };
 
-TEST_F(GlassSlab, PassesTwoSurfacesWithTheirInnerEchoes) {
-  build(slab(1.5f), true);
-  render();
-  // 0.96 through each face; the light bouncing between the faces inside adds 0.04^2 per round.
-  const float through = 0.96f * 0.96f / (1 - 0.04f * 0.04f);
-  expectColorNear(meanPixel(0), Color3f{1, 2, 3} * through, 3e-4f);
-}
-
-TEST_F(GlassSlab, ALeavingRayWithTheWrongIndexIsDropped) {
-  // The far face turned inwards: the ray "enters" twice, leaves with 1 / 1.5^2 and dies at the emitter.
-  build(slab(1.5f), false);
-  render();
-  expectColorNear(meanPixel(0), black, 0);
-}
-
-TEST_F(GlassSlab, TheMediumInsideAttenuatesWhatPasses) {
-  const int glass = slab(1);
-  qzSetShaderTransmittance(glass, 0.5f, 1, 1);
-  qzSetShaderDensity(glass, 0.5f);  // with a black albedo nothing scatters
-  build(glass, true);
-  render();
-  // Per unit of length (1 - density) times the transmittance, over the two units inside.
-  expectColorNear(meanPixel(0), {1 * 0.0625f, 2 * 0.25f, 3 * 0.25f}, 3e-4f);
+TEST_F(GlassSlab, PassesTwoSurfacesWithTheirEchoesAttenuatesInsideAndDropsAWrongIndex) {
+  const struct {
+    const char* what;
+    float ior, density;
+    bool exitFacesOut;
+    Color3f expected;
+  } cases[] = {
+      // 0.96 through each face; the light bouncing between the faces inside adds 0.04^2 per round.
+      {"clear", 1.5f, 0, true, Color3f{1, 2, 3} * (0.96f * 0.96f / (1 - 0.04f * 0.04f))},
+      // The far face turned inwards: the ray "enters" twice, leaves with 1 / 1.5^2 and dies at the emitter.
+      {"wrong index", 1.5f, 0, false, black},
+      // Per unit of length (1 - density) times the transmittance (0.5, 1, 1), over the
+      // two units inside; with a black albedo nothing scatters.
+      {"medium", 1, 0.5f, true, {1 * 0.0625f, 2 * 0.25f, 3 * 0.25f}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    restart();
+    const int glass = slab(c.ior);
+    if (c.density > 0) {
+      qzSetShaderTransmittance(glass, 0.5f, 1, 1);
+      qzSetShaderDensity(glass, c.density);
+    }
+    build(glass, c.exitFacesOut);
+    render();
+    expectColorNear(meanPixel(0), c.expected, 3e-4f);
+  }
 }
 
 TEST_F(GlassSlab, AScatteringMediumInAnEmittingBoxLooksLikeTheBox) {
@@ -211,14 +215,8 @@ TEST_F(GlassSlab, AScatteringMediumInAnEmittingBoxLooksLikeTheBox) {
   const int glass = slab(1);
   qzSetShaderDensity(glass, 0.3f);
   qzSetShaderParticleColor(glass, 1, 1, 1);
-  const int wall = addShader(emissionChannel, {0.25f, 0.5f, 1});
-  for (int axis = 0; axis < 3; ++axis)
-    for (float side : {-1.0f, 1.0f}) {
-      Vec3f n, u, v;
-      n[axis] = side, u[(axis + 1) % 3] = 1, v[(axis + 2) % 3] = 1;
-      addQuad(wall, 10 * n, 10 * u, 10 * v);
-      addQuad(glass, n, side * u, v);  // a unit cube of the medium, faces outwards
-    }
+  addCube(addShader(emissionChannel, {0.25f, 0.5f, 1}), 10, false);
+  addCube(glass, 1, true);  // a unit cube of the medium
   addCamera(4, 2, {0, 0, 5}, {0, 0, 0}, 2);
   render();
   // Scattering loses nothing and the walls send the same everywhere: light that
@@ -238,13 +236,7 @@ TEST_F(PathTest, RoughGlossyFloorInAnEmittingBoxConverges) {
   qzSetShaderColor(floor, 3, roughnessChannel, 0.6f, 0.6f, 0);
   qzSetShaderIOR(floor, 100);  // a nearly white Fresnel term keeps the weights close to 1
   addQuad(floor, {0, 0, 0}, 4 * Z, 4 * X);
-  const int wall = addShader(emissionChannel, white);
-  for (int axis = 0; axis < 3; ++axis)
-    for (float side : {-1.0f, 1.0f}) {
-      Vec3f n, u, v;
-      n[axis] = side, u[(axis + 1) % 3] = 1, v[(axis + 2) % 3] = 1;
-      addQuad(wall, 5 * n, 5 * u, 5 * v);
-    }
+  addCube(addShader(emissionChannel, white), 5, false);
   addCamera(4, 4, {0, 2, 2}, {0, 0, 0}, 2);
   render();
 
@@ -283,17 +275,14 @@ class FacingMirrors : public PathTest {
   }
 };
 
-TEST_F(FacingMirrors, TheLastChildWithinRayDepthEndsTheSeries) {
-  qzSetRendererRayDepth(3);
-  build();
-  render();
-  expectColorNear(meanPixel(0), white * 3, 1e-5f);
-}
-
-TEST_F(FacingMirrors, ARayDepthBeyondTheBounceCounterStopsAtItsWidth) {
-  // 256 levels of recursion on every worker thread.
-  qzSetRendererRayDepth(100000);
-  build();
-  render();
-  expectColorNear(meanPixel(0), white * 256, 1e-5f);
+TEST_F(FacingMirrors, TheLastChildWithinRayDepthEndsTheSeriesAndTheBounceCounterBoundsIt) {
+  // A ray depth beyond the bounce counter stops at its width: 256 levels of
+  // recursion on every worker thread.
+  for (auto [depth, hits] : {std::pair{3, 3.0f}, std::pair{100000, 256.0f}}) {
+    restart();
+    qzSetRendererRayDepth(depth);
+    build();
+    render();
+    expectColorNear(meanPixel(0), white * hits, 1e-5f);
+  }
 }

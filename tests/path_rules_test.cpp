@@ -97,7 +97,7 @@ class FirstBounceBudget : public testing::Test {
   }
 };
 
-TEST_F(FirstBounceBudget, ShrinksWithTheThroughputAndCoversEveryIndexOnceOverThePasses) {
+TEST_F(FirstBounceBudget, ShrinksWithTheThroughputCoversEveryIndexOnceAndLaterBouncesTakeOne) {
   Ray ray;  // bounce index 0
   // 0.3 x 64 = 19.2: 19, rounded down to 16, four a pass.
   std::multiset<uint32_t> taken;
@@ -118,23 +118,13 @@ TEST_F(FirstBounceBudget, ShrinksWithTheThroughputAndCoversEveryIndexOnceOverThe
   EXPECT_EQ(lobeSamples(ray, {0.01f, 0, 0}).k, 1u);
   renderer.sample = 2;
   EXPECT_EQ(lobeSamples(ray, white).k, 1u);
-}
 
-TEST_F(FirstBounceBudget, LaterBouncesTakeOneSampleWithTheirOwnIndex) {
-  Ray ray;
+  // Later bounces take one sample with their own index.
   ray.cursor = {13, 2, 0};
-  const LobeSamples s = lobeSamples(ray, white);
-  EXPECT_EQ(s.first, 13u);
-  EXPECT_EQ(s.end, 14u);
-  EXPECT_EQ(s.k, 1u);
-}
-
-TEST(PathDepth, RayDepthUpToTheWidthOfTheBounceCounter) {
-  renderer.ray_depth = 8;
-  EXPECT_EQ(pathDepthLimit(), 8);
-  renderer.ray_depth = 1000;
-  EXPECT_EQ(pathDepthLimit(), 256);
-  renderer.ray_depth = 8;
+  const LobeSamples later = lobeSamples(ray, white);
+  EXPECT_EQ(later.first, 13u);
+  EXPECT_EQ(later.end, 14u);
+  EXPECT_EQ(later.k, 1u);
 }
 
 TEST(PathDepth, WorkerThreadsHaveTheStackForTheDeepestPath) {
@@ -156,13 +146,7 @@ TEST(PathDepth, WorkerThreadsHaveTheStackForTheDeepestPath) {
 // A fibre's diffuse lobe inside a box that emits everywhere: every direction
 // comes back with the emission, so the lobe is its colour times the emission.
 TEST_F(PathTest, AFibresDiffuseLobeTakesEveryDirection) {
-  const int wall = addShader(emissionChannel, {0.5f, 1, 2});
-  for (int axis = 0; axis < 3; ++axis)
-    for (float side : {-1.0f, 1.0f}) {
-      Vec3f n, u, v;
-      n[axis] = side, u[(axis + 1) % 3] = 1, v[(axis + 2) % 3] = 1;
-      addQuad(wall, n, u, v);
-    }
+  addCube(addShader(emissionChannel, {0.5f, 1, 2}), 1, false);
   addCamera(1, 2, {0, 0, 0}, {0, 0, -1}, 45);
   captureOutput([] { qzInitialize(); });
   Ray ray;

@@ -45,15 +45,6 @@ class PhotonRenderTest : public PathTest {
     vertices += unsigned(data.size() / 3);
   }
 
-  // The inside of a cube of half size 1 about the origin, every wall facing in.
-  void addClosedBox(int shader) {
-    for (Vec3f n : {X, Y, Z}) {
-      const Vec3f u = n == Y ? Z : Y, v = cross(n, u);
-      addQuad(shader, -1 * n, u, v);  // faces along u x v = n: inwards
-      addQuad(shader, n, v, u);
-    }
-  }
-
   // Full strength in every direction (the default spot fades to the back),
   // and the plain cosine law at shading points, as the photons see it.
   static int pointLight(Vec3f position, Color3f color, int photons) {
@@ -64,13 +55,6 @@ class PhotonRenderTest : public PathTest {
     qzSetPointLightColor(light, color.r, color.g, color.b);
     qzSetPointLightPhoton(light, photons);
     return light;
-  }
-
-  // Finalises this scene and starts an empty one, as SetUp does.
-  void restart() {
-    TearDown();
-    SetUp();
-    vertices = 0;
   }
 
   static std::string prepare() {
@@ -243,7 +227,7 @@ class LitBox : public PhotonRenderTest {
   void build(int photons) {
     const int wall = qzAddShader();
     qzSetShaderColor(wall, 1, diffuseChannel, albedo, albedo, albedo);  // front only: nothing passes
-    addClosedBox(wall);
+    addCube(wall, 1, false);
     pointLight({0.1f, 0.2f, 0.05f}, {1, 1, 1}, photons);
     addCamera(16, 4, {0, 0, 0.9f}, {0, 0, -1}, 70);
   }
@@ -289,7 +273,7 @@ TEST_F(LitBox, FinalGatherMatchesADeepPathTrace) {
 TEST_F(PhotonRenderTest, GeometryLightPhotonsComeFromTheLampPanel) {
   const int wall = qzAddShader();
   qzSetShaderColor(wall, 1, diffuseChannel, 0.5f, 0.5f, 0.5f);
-  addClosedBox(wall);
+  addCube(wall, 1, false);
   // A panel under the ceiling, 0.4 by 0.4, emitting 1 from its front, downwards.
   const int lamp = qzAddShader();
   qzSetShaderColor(lamp, 1, emissionChannel, 1, 1, 1);
@@ -324,10 +308,7 @@ TEST_F(PhotonRenderTest, BadSettingsRenderToTheEnd) {
   // A negative photon count casts nothing from that light, but the rows still come.
   qzSetPointLightPhoton(scene(), -5);
   qzSetRendererRadius(0.1f);
-  std::string report = captureOutput([] {
-    qzInitialize();
-    qzRender();
-  });
+  std::string report = render();
   EXPECT_NE(report.find("photon sotred"), std::string::npos);
   EXPECT_TRUE(photonStore.photons.empty());
   restart();
@@ -335,10 +316,7 @@ TEST_F(PhotonRenderTest, BadSettingsRenderToTheEnd) {
   // A radius of -1 is no radius.
   scene();
   qzSetRendererRadius(-1);
-  report = captureOutput([] {
-    qzInitialize();
-    qzRender();
-  });
+  report = render();
   EXPECT_EQ(report.find("photon"), std::string::npos);
   restart();
 
@@ -346,10 +324,7 @@ TEST_F(PhotonRenderTest, BadSettingsRenderToTheEnd) {
   // paths that end early find no patch and take black.
   scene();
   qzSetRendererResolution(1e-30f);
-  report = captureOutput([] {
-    qzInitialize();
-    qzRender();
-  });
+  report = render();
   EXPECT_NE(report.find("photon   cast"), std::string::npos);
   EXPECT_EQ(report.find("density estimator buffer"), std::string::npos);
   EXPECT_GT(meanPixel(0).g, 0);

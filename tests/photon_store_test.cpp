@@ -16,8 +16,6 @@
 #include "transport/photon.h"
 
 namespace {
-constexpr float pi = 3.14159265f;
-
 class PhotonStoreTest : public testing::Test {
  protected:
   void SetUp() override { quietStartup(); }
@@ -74,7 +72,7 @@ Color3f bruteForce(Vec3f p, Vec3f normal, float r2) {
   if (found.size() < 2) return black;
   Color3f sum;
   for (auto& f : found) sum += decodePower(f.second->power);
-  return sum / (pi * found.back().first);
+  return sum / (testPi * found.back().first);
 }
 
 Ray firstHit(uint32_t thread = 0) {
@@ -121,7 +119,7 @@ TEST_F(PhotonStoreTest, PowerSurvivesTheRGBEFormWithinTheMantissasStep) {
   EXPECT_EQ(decodePower(rgbe), Color3f(0, 1, 0.5f));
 }
 
-TEST_F(PhotonStoreTest, SmallSetsAndSmallRegionsStayOneLeaf) {
+TEST_F(PhotonStoreTest, SmallSetsStayOneLeafAndSplitsKeepEveryPhotonOnce) {
   scatter(16, 10, 1);
   build(0.1f);
   ASSERT_EQ(photonStore.nodes.size(), 1u);
@@ -139,15 +137,7 @@ TEST_F(PhotonStoreTest, SmallSetsAndSmallRegionsStayOneLeaf) {
   EXPECT_GT(photonStore.nodes.size(), 1u);
   expectLeavesCoverAllPhotons();
 
-  // No photons: no tree, and every lookup is black.
-  photonStore.photons.clear();
-  build(1);
-  EXPECT_TRUE(photonStore.nodes.empty());
-  EXPECT_EQ(gatherCaustics(firstHit(), pointWithNormal({0, 0, 0}, {0, 1, 0})), black);
-}
-
-TEST_F(PhotonStoreTest, SplitsKeepLeavesSmallAndEveryPhotonOnce) {
-  // Large enough that the top splits run on threads of their own.
+  // Large enough that the top splits run on threads of their own: leaves stay small.
   scatter(20000, 1, 3);
   build(0.001f);
   expectLeavesCoverAllPhotons();
@@ -155,6 +145,12 @@ TEST_F(PhotonStoreTest, SplitsKeepLeavesSmallAndEveryPhotonOnce) {
     if (node.children == 0) {
       EXPECT_LT(node.count, 17u);
     }
+
+  // No photons: no tree, and every lookup is black.
+  photonStore.photons.clear();
+  build(1);
+  EXPECT_TRUE(photonStore.nodes.empty());
+  EXPECT_EQ(gatherCaustics(firstHit(), pointWithNormal({0, 0, 0}, {0, 1, 0})), black);
 }
 
 TEST_F(PhotonStoreTest, TheTreeFindsWhatEveryPhotonSays) {

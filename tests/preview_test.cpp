@@ -12,9 +12,8 @@
 #include <sstream>
 #include <thread>
 
-#include "shading/image.h"
+#include "tests/command_fixture.h"
 #include "tests/scene_writer.h"
-#include "tests/test_util.h"
 
 // Last: its macros would clash with the names of the headers above.
 #include <X11/Xlib.h>
@@ -32,13 +31,6 @@ bool onPath(const std::string& program) {
   while (std::getline(folders, folder, ':'))
     if (access((folder + "/" + program).c_str(), X_OK) == 0) return true;
   return false;
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::stringstream text;
-  text << file.rdbuf();
-  return text.str();
 }
 
 bool waitFor(const std::function<bool()>& condition, int seconds = 30) {
@@ -142,7 +134,7 @@ void previewInsideDisplay() {
   writeSceneFile(work + "/scene/geometry", "panel.obj",
                  "usemtl glow\nv -1 0 0\nv 1.5 0 0\nv 1.5 3 0\nv -1 3 0\nf 1 2 3 4\n");
   writeSceneFile(work + "/scene/geometry", "panel.qz", "object\nname panel\nobj \"geometry/panel.obj\"\nend\n");
-  const std::string binary = (fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "quazel").string();
+  const std::string binary = quazelBinary();
   const std::string output = work + "/out.txt";
   const pid_t child = fork();
   if (child == 0) {
@@ -154,13 +146,13 @@ void previewInsideDisplay() {
   }
   ASSERT_GT(child, 0);
   // Every pass has run once the closing report is out.
-  ASSERT_TRUE(waitFor([&] { return slurp(output).find("rendering time") != std::string::npos; }))
-      << slurp(output);
+  ASSERT_TRUE(waitFor([&] { return readFile(output).find("rendering time") != std::string::npos; }))
+      << readFile(output);
   const std::string shotFile = work + "/window.xwd";
   ASSERT_TRUE(waitFor([&] {
     return std::system(("xwd -silent -name quazel -out '" + shotFile + "' 2>/dev/null").c_str()) == 0;
   }));
-  const Screenshot shot = readXwd(slurp(shotFile));
+  const Screenshot shot = readXwd(readFile(shotFile));
   EXPECT_EQ(shot.windowWidth, width);
   EXPECT_EQ(shot.windowHeight, height);
 
@@ -198,7 +190,7 @@ void previewInsideDisplay() {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_TRUE(fs::exists(beautyName));
   // The window system ends the program on close: the run never gets past the render.
-  EXPECT_EQ(slurp(output).find("click to close"), std::string::npos);
+  EXPECT_EQ(readFile(output).find("click to close"), std::string::npos);
 }
 }  // namespace
 
@@ -212,5 +204,5 @@ TEST(PreviewWindow, ShowsTheBeautyAtTheCameraSizeAndSavesItOnClose) {
   const std::string command = std::string(insideVariable) + "=1 xvfb-run -a -s '-screen 0 320x240x24' '" + self +
                               "' --gtest_filter=PreviewWindow.* > preview-inside.txt 2>&1";
   const int status = std::system(command.c_str());
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << slurp("preview-inside.txt");
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readFile("preview-inside.txt");
 }

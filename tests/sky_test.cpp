@@ -3,9 +3,7 @@
 #include <sstream>
 
 #include "frame/scene_directory.h"
-#include "shading/sampling_shapes.h"
 #include "tests/light_fixture.h"
-#include "tests/sky_reference.h"
 
 namespace {
 
@@ -23,30 +21,6 @@ void skyImage(int width, int height, const std::function<Color3f(float u, float 
 
 std::string prepareQuietly() {
   return captureOutput([] { prepareSky(); });
-}
-
-// The sky over a diffuse plane at a first hit, gathered as the integrator
-// does it: the sky's own samples at the hit plus `lobeSamples` cosine-weighted
-// bounces that escape, each weighted by shadeSky.
-Color3f skyOverPlane(Color3f rho, int lobeSamples) {
-  const Surface s = planePoint({0, 0, 0}, rho);
-  const Ray hit = cameraHit();
-  LobeRadiance lobes;
-  shadeSkySurface(lobes, hit, s);
-  Color3f escaped;
-  for (int i = 0; i < lobeSamples; ++i) {
-    Ray child;
-    child.origin = s.position;
-    sampleHemisphere(child.direction, frameOf(s), {uint32_t(i), 0, 0x12345678});
-    child.hit.event = diffuseReflectionEvent;
-    child.cursor = {uint32_t(i), 2, 0};
-    child.diffuse_bounces = child.bounces = 1;
-    child.parent = &s;
-    Color3f L;
-    shadeSky(L, child);
-    escaped += L / float(lobeSamples);
-  }
-  return lobes.diffuse[0] + escaped * rho;
 }
 
 }  // namespace
@@ -255,44 +229,6 @@ TEST_F(SkyTest, TablesFromAnImageFileSampleTheBrightCells) {
   qzFinalizeSkyLight();
   EXPECT_TRUE(sky.cells.empty() && sky.rows.empty() && sky.row_cdf.empty());
   EXPECT_FALSE(sky.image.loaded);
-}
-
-TEST_F(SkyTest, WhiteFurnaceUnderAUniformImageNeedsTheBalanceHeuristic) {
-  const Color3f C{0.6f, 0.8f, 1.0f};
-  skyImage(64, 32, [&](float, float) { return C; });
-  qzSetSkyLightColor(1, 1, 1);
-  qzSetSkyLightSample(1024);
-  renderer.sky_light_sample = 256;
-  prepareQuietly();
-  ASSERT_EQ(sky.sample, 1024);
-  const Color3f rho{0.5f, 0.5f, 0.5f};
-  const Color3f both = skyOverPlane(rho, 4096);
-  expectColorNear(both, rho * C, 0.01f);
-  // Each half alone falls short: the weights share the work.
-  const Surface s = planePoint({0, 0, 0}, rho);
-  LobeRadiance lobes;
-  shadeSkySurface(lobes, cameraHit(), s);
-  EXPECT_LT(lobes.diffuse[0].b, 0.45f);
-  EXPECT_GT(lobes.diffuse[0].b, 0.1f);
-}
-
-TEST_F(SkyTest, NonUniformImageMatchesABruteForceEstimate) {
-  // A smooth sky, brighter towards one side and the zenith.
-  skyImage(128, 64, [](float u, float v) {
-    const float s = 1 + 3 * std::pow(std::sin(testPi * u), 4.0f) + 2 * (1 - v);
-    return Color3f(s, 0.5f * s, 1);
-  });
-  qzSetSkyLightZenith(0, 1, 0);
-  qzSetSkyLightNorth(0, 0, 1);
-  qzSetSkyLightSample(512);
-  renderer.sky_light_sample = 512;
-  prepareQuietly();
-  const Color3f rho{0.8f, 0.8f, 0.8f};
-  const Color3f reference = rho * skyReflectedByWhite({0, 1, 0}, 200000);
-  const Color3f mixed = skyOverPlane(rho, 8192);
-  EXPECT_NEAR(mixed.r / reference.r, 1, 0.01);
-  EXPECT_NEAR(mixed.g / reference.g, 1, 0.01);
-  EXPECT_NEAR(mixed.b / reference.b, 1, 0.01);
 }
 
 TEST_F(SkyTest, LinksAndAOVsOfTheSky) {

@@ -68,55 +68,51 @@ TEST_F(SmoothMeshTest, WeldIsExactComparisonInOrderOfFirstAppearance) {
   EXPECT_EQ(count, 0u);
 }
 
-TEST_F(SmoothMeshTest, FlatAngleFreesTheNormals) {
-  Mesh mesh = cube(uint32_t(shaderWithAngle(0)));
-  mesh.normals.assign(8, 77);
-  mesh.tangents.assign(8, 99);
-  smoothMesh(mesh);
-  EXPECT_TRUE(mesh.normals.empty());
-  EXPECT_EQ(mesh.tangents, std::vector<uint32_t>(8, 99));
-  EXPECT_EQ(mesh.worldPositions.size(), 8u);
-}
+TEST_F(SmoothMeshTest, TheAngleFreesKeepsSplitsOrSharesTheCubesCorners) {
+  // 0 frees the normals and leaves the rest.
+  Mesh flat = cube(uint32_t(shaderWithAngle(0)));
+  flat.normals.assign(8, 77);
+  flat.tangents.assign(8, 99);
+  smoothMesh(flat);
+  EXPECT_TRUE(flat.normals.empty());
+  EXPECT_EQ(flat.tangents, std::vector<uint32_t>(8, 99));
+  EXPECT_EQ(flat.worldPositions.size(), 8u);
 
-TEST_F(SmoothMeshTest, NegativeAngleKeepsGivenFramesExactly) {
-  Mesh mesh = cube(uint32_t(shaderWithAngle(-1)));
+  // A negative angle keeps the given frames exactly.
+  Mesh given = cube(uint32_t(shaderWithAngle(-1)));
   for (uint32_t v = 0; v < 8; ++v) {
-    mesh.normals.push_back(1000 + v);
-    mesh.tangents.push_back(v);
+    given.normals.push_back(1000 + v);
+    given.tangents.push_back(v);
   }
-  const Mesh before = mesh;
-  smoothMesh(mesh);
-  EXPECT_EQ(mesh.normals, before.normals);
-  EXPECT_EQ(mesh.tangents, before.tangents);
-  EXPECT_EQ(mesh.tetragons[3].i2, before.tetragons[3].i2);
-}
+  const Mesh before = given;
+  smoothMesh(given);
+  EXPECT_EQ(given.normals, before.normals);
+  EXPECT_EQ(given.tangents, before.tangents);
+  EXPECT_EQ(given.tetragons[3].i2, before.tetragons[3].i2);
 
-TEST_F(SmoothMeshTest, SmallAngleSplitsTheCorners) {
-  Mesh mesh = cube(uint32_t(shaderWithAngle(30)));
-  mesh.worldPositions.push_back({5, 5, 5});  // used by no face: dropped
-  smoothMesh(mesh);
-  ASSERT_EQ(mesh.worldPositions.size(), 24u);
-  ASSERT_EQ(mesh.normals.size(), 24u);
-  ASSERT_EQ(mesh.tangents.size(), 24u);
-  // Each face has its four vertices, all with the face's own normal.
-  for (const Tetragon& t : mesh.tetragons) {
+  // A small angle splits the corners: each face has its four vertices, all
+  // with the face's own normal.
+  Mesh split = cube(uint32_t(shaderWithAngle(30)));
+  split.worldPositions.push_back({5, 5, 5});  // used by no face: dropped
+  smoothMesh(split);
+  ASSERT_EQ(split.worldPositions.size(), 24u);
+  ASSERT_EQ(split.normals.size(), 24u);
+  ASSERT_EQ(split.tangents.size(), 24u);
+  for (const Tetragon& t : split.tetragons) {
     EXPECT_EQ(distinct({t.i0, t.i1, t.i2, t.i3}).size(), 4u);
-    const uint32_t word = mesh.normals[t.i0];
+    const uint32_t word = split.normals[t.i0];
     EXPECT_TRUE(axisAligned(unpackUnitVector(word)));
-    for (uint32_t v : {t.i1, t.i2, t.i3}) EXPECT_EQ(mesh.normals[v], word);
+    for (uint32_t v : {t.i1, t.i2, t.i3}) EXPECT_EQ(split.normals[v], word);
   }
-  EXPECT_EQ(distinct(mesh.normals).size(), 6u);
-}
+  EXPECT_EQ(distinct(split.normals).size(), 6u);
 
-TEST_F(SmoothMeshTest, HalfTurnSharesTheCorners) {
-  Mesh mesh = cube(uint32_t(shaderWithAngle(180)));
-  smoothMesh(mesh);
-  ASSERT_EQ(mesh.worldPositions.size(), 8u);
-  for (uint32_t v = 0; v < 8; ++v) {
-    // The sum of three unit face normals points away from the centre along the diagonal.
-    const Vec3f away = mesh.worldPositions[v] * 2 - Vec3f(1, 1, 1);
-    EXPECT_EQ(mesh.normals[v], packUnitVector(away));
-  }
+  // A half turn shares them: the sum of three unit face normals points away
+  // from the centre along the diagonal.
+  Mesh shared = cube(uint32_t(shaderWithAngle(180)));
+  smoothMesh(shared);
+  ASSERT_EQ(shared.worldPositions.size(), 8u);
+  for (uint32_t v = 0; v < 8; ++v)
+    EXPECT_EQ(shared.normals[v], packUnitVector(shared.worldPositions[v] * 2 - Vec3f(1, 1, 1)));
 }
 
 TEST_F(SmoothMeshTest, ChannelsAndAnglesSplitPerFace) {

@@ -6,19 +6,9 @@
 #include <limits>
 
 #include "shading/fresnel.h"
+#include "tests/test_util.h"
 
 namespace {
-void expectColor(Color3f actual, Color3f expected, float tolerance = 1e-6f) {
-  EXPECT_NEAR(actual.r, expected.r, tolerance);
-  EXPECT_NEAR(actual.g, expected.g, tolerance);
-  EXPECT_NEAR(actual.b, expected.b, tolerance);
-}
-void expectVector(Vec3f actual, Vec3f expected, float tolerance = 1e-6f) {
-  EXPECT_NEAR(actual.x, expected.x, tolerance);
-  EXPECT_NEAR(actual.y, expected.y, tolerance);
-  EXPECT_NEAR(actual.z, expected.z, tolerance);
-}
-
 // A flat frame seen from 60 degrees off the normal.
 Surface flatSurface() {
   Surface s;
@@ -54,12 +44,12 @@ TEST(SurfaceSetup, FresnelSplitsTheSpecularColours) {
   EXPECT_NEAR(s.cos_view, 0.5f, 1e-6);
   EXPECT_NEAR(s.eta, 1 / 1.5f, 1e-7);
   const float f = 0.04f + 0.96f / 32;  // Schlick at 60 degrees for 1.5
-  expectColor(s.specular[0], white * f);
-  expectColor(s.specular[1], Color3f{0.5f, 0.5f, 0.5f} * (1 - f));
+  expectColorNear(s.specular[0], white * f);
+  expectColorNear(s.specular[1], Color3f{0.5f, 0.5f, 0.5f} * (1 - f));
   // With no coat (clear_coat_ior 1) diffuse and glossy keep their colours: no F on them.
-  expectColor(s.diffuse[0], {0.1f, 0.2f, 0.3f});
-  expectColor(s.diffuse[1], {0.3f, 0.2f, 0.1f});
-  expectColor(s.glossy[0], {0.4f, 0.4f, 0.4f});
+  expectColorNear(s.diffuse[0], {0.1f, 0.2f, 0.3f});
+  expectColorNear(s.diffuse[1], {0.3f, 0.2f, 0.1f});
+  expectColorNear(s.glossy[0], {0.4f, 0.4f, 0.4f});
   EXPECT_NEAR(s.alpha[0].u, 0.25f, 1e-7);
   EXPECT_NEAR(s.alpha[0].v, 0.09f, 1e-7);
   EXPECT_NEAR(s.alpha[1].u, 0.04f, 1e-7);
@@ -71,9 +61,9 @@ TEST(SurfaceSetup, FresnelSplitsTheSpecularColours) {
   // An index of 1 reflects nothing: the transmission keeps its whole colour.
   shader.volume.ior = 1;
   setupScattering(shader, 1, s);
-  expectColor(s.specular[0], black);
+  expectColorNear(s.specular[0], black);
   EXPECT_FALSE(s.specular_on[0]);
-  expectColor(s.specular[1], {0.5f, 0.5f, 0.5f});
+  expectColorNear(s.specular[1], {0.5f, 0.5f, 0.5f});
 }
 
 TEST(SurfaceSetup, ClearCoatTakesItsShareAndAddsAMirror) {
@@ -84,14 +74,14 @@ TEST(SurfaceSetup, ClearCoatTakesItsShareAndAddsAMirror) {
   setupScattering(shader, 1, s);
   const float f0c = std::pow((0.5f - 1) / (0.5f + 1), 2.0f);
   const float fc = f0c + (1 - f0c) / 32, f = 0.04f + 0.96f / 32, t = 1 - fc;
-  expectColor(s.specular[0], white * (t * f) + Color3f{0.8f, 0.6f, 0.4f} * fc);
-  expectColor(s.specular[1], Color3f{0.5f, 0.5f, 0.5f} * (t * (1 - f)));
-  expectColor(s.diffuse[0], Color3f{0.1f, 0.2f, 0.3f} * t);
-  expectColor(s.glossy[1], Color3f{0.2f, 0.2f, 0.2f} * t);
+  expectColorNear(s.specular[0], white * (t * f) + Color3f{0.8f, 0.6f, 0.4f} * fc);
+  expectColorNear(s.specular[1], Color3f{0.5f, 0.5f, 0.5f} * (t * (1 - f)));
+  expectColorNear(s.diffuse[0], Color3f{0.1f, 0.2f, 0.3f} * t);
+  expectColorNear(s.glossy[1], Color3f{0.2f, 0.2f, 0.2f} * t);
   // A coat index of 1 makes the coat vanish, however bright its colour.
   setColor(shader, clearCoatIorChannel, 0, white);
   setupScattering(shader, 1, s);
-  expectColor(s.specular[0], white * f);
+  expectColorNear(s.specular[0], white * f);
 }
 
 TEST(SurfaceSetup, SidesFollowFacingAndTwoSidedness) {
@@ -100,16 +90,16 @@ TEST(SurfaceSetup, SidesFollowFacingAndTwoSidedness) {
   // From behind a two-sided surface the back nodes are near and the ray leaves the medium.
   setupScattering(shader, -1, s);
   EXPECT_NEAR(s.eta, 1.5f, 1e-7);
-  expectColor(s.diffuse[0], {0.3f, 0.2f, 0.1f});
-  expectColor(s.diffuse[1], {0.1f, 0.2f, 0.3f});
+  expectColorNear(s.diffuse[0], {0.3f, 0.2f, 0.1f});
+  expectColorNear(s.diffuse[1], {0.1f, 0.2f, 0.3f});
   EXPECT_NEAR(s.alpha[0].u, 0.04f, 1e-7);
   EXPECT_NEAR(s.alpha[1].u, 0.25f, 1e-7);
   // A one-sided shader seen from behind still uses its front nodes and enters.
   shader.two_sided = 0;
   setupScattering(shader, -1, s);
   EXPECT_NEAR(s.eta, 1 / 1.5f, 1e-7);
-  expectColor(s.diffuse[0], {0.1f, 0.2f, 0.3f});
-  expectColor(s.diffuse[1], {0.3f, 0.2f, 0.1f});
+  expectColorNear(s.diffuse[0], {0.1f, 0.2f, 0.3f});
+  expectColorNear(s.diffuse[1], {0.3f, 0.2f, 0.1f});
 }
 
 TEST(SurfaceSetup, SmoothGlossyBecomesMirrorAndBlueRoughnessTurnsTheFrame) {
@@ -119,17 +109,17 @@ TEST(SurfaceSetup, SmoothGlossyBecomesMirrorAndBlueRoughnessTurnsTheFrame) {
   Surface s = flatSurface();
   setupScattering(shader, 1, s);
   // Both widths 0: the glossy colour moves to the mirror, after the coat's scaling.
-  expectColor(s.specular[0], {0.4f, 0.4f, 0.4f});
-  expectColor(s.glossy[0], black);
+  expectColorNear(s.specular[0], {0.4f, 0.4f, 0.4f});
+  expectColorNear(s.glossy[0], black);
   EXPECT_FALSE(s.glossy_on[0]);
   // One width left: the lobe stays glossy, with zero width across.
-  expectColor(s.glossy[1], {0.2f, 0.2f, 0.2f});
+  expectColorNear(s.glossy[1], {0.2f, 0.2f, 0.2f});
   EXPECT_EQ(s.alpha[1].v, 0.0f);
   // Blue 0.5 squares to a quarter turn; the far side's rotation is stored but unused.
   // new tangent = cos a t - sin a b, new bitangent = sin a t + cos a b
-  expectVector(s.tangent, {0, -1, 0});
-  expectVector(s.bitangent, {1, 0, 0});
-  expectVector(s.normal, {0, 0, 1});
+  expectVecNear(s.tangent, {0, -1, 0}, 1e-6f);
+  expectVecNear(s.bitangent, {1, 0, 0}, 1e-6f);
+  expectVecNear(s.normal, {0, 0, 1}, 1e-6f);
   EXPECT_NEAR(s.alpha[1].rotation, 0.49f, 1e-6);
 }
 
@@ -139,11 +129,11 @@ TEST(SurfaceSetup, JitterOnlyWhereTheNearSideAsksForIt) {
   Surface s = flatSurface();
   setupScattering(shader, 1, s);
   EXPECT_FALSE(s.jitter_on);
-  expectColor(s.jitter, black);
+  expectColorNear(s.jitter, black);
   shader.jittered[0] = 1;
   setupScattering(shader, 1, s);
   EXPECT_TRUE(s.jitter_on);
-  expectColor(s.jitter, {0.1f, 0.2f, 0.3f});
+  expectColorNear(s.jitter, {0.1f, 0.2f, 0.3f});
   // A NaN radius is not "off", unlike a NaN colour of a lobe.
   const float nan = std::numeric_limits<float>::quiet_NaN();
   setColor(shader, jitterChannel, 0, {nan, 0, 0});
@@ -162,12 +152,12 @@ TEST(SurfaceSetup, InstanceNormalMatricesChainOutermostFirst) {
   s.bitangent = {0, 1, 0};
   transformFrameToWorld(s, matrices, 2);
   // Inner first: (1, 0, 1) -> (0.5, 0, 1), then the turn: (0, 0.5, 1).
-  expectVector(s.normal, normalize({0, 0.5f, 1}));
-  expectVector(s.geometric_normal, normalize({0, 0.5f, 1}));
-  expectVector(s.tangent, normalize({0, 0.5f, -1}));
-  expectVector(s.bitangent, {-1, 0, 0});
+  expectVecNear(s.normal, normalize({0, 0.5f, 1}), 1e-6f);
+  expectVecNear(s.geometric_normal, normalize({0, 0.5f, 1}), 1e-6f);
+  expectVecNear(s.tangent, normalize({0, 0.5f, -1}), 1e-6f);
+  expectVecNear(s.bitangent, {-1, 0, 0}, 1e-6f);
   // At the root nothing changes.
   Surface root = flatSurface();
   transformFrameToWorld(root, matrices, 0);
-  expectVector(root.normal, {0, 0, 1});
+  expectVecNear(root.normal, {0, 0, 1}, 1e-6f);
 }

@@ -39,3 +39,15 @@ std::string scratchFolder(const std::string& name) {
 }
 
 void quietStartup() { captureOutput([] { qzStartup(); }); }
+
+void expectColorNear(Color3f c, Color3f expected, float tolerance) {
+  EXPECT_NEAR(c.r, expected.r, tolerance);
+  EXPECT_NEAR(c.g, expected.g, tolerance);
+  EXPECT_NEAR(c.b, expected.b, tolerance);
+}
+
+void expectVecNear(Vec3f v, Vec3f expected, float tolerance) {
+  EXPECT_NEAR(v.x, expected.x, tolerance);
+  EXPECT_NEAR(v.y, expected.y, tolerance);
+  EXPECT_NEAR(v.z, expected.z, tolerance);
+}

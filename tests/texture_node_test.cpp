@@ -14,12 +14,6 @@
 #include "tests/test_util.h"
 
 namespace {
-void expectColor(Color3f got, Color3f want, float tolerance = 1e-6f) {
-  EXPECT_NEAR(got.r, want.r, tolerance);
-  EXPECT_NEAR(got.g, want.g, tolerance);
-  EXPECT_NEAR(got.b, want.b, tolerance);
-}
-
 Color3f pow(Color3f c, float g) { return {std::pow(c.r, g), std::pow(c.g, g), std::pow(c.b, g)}; }
 
 TextureNode readNode(const std::string& text) {
@@ -146,60 +140,53 @@ TEST(TextureNodeBlock, DefaultsAndReset) {
 TEST_F(TextureNodeImage, NearestReadsTheTexel) {
   prepare();
   for (int y = 0; y < 4; ++y)
-    for (int x = 0; x < 4; ++x) expectColor(at((x + 0.5f) / 4, (y + 0.5f) / 4), texel(x, y));
+    for (int x = 0; x < 4; ++x) expectColorNear(at((x + 0.5f) / 4, (y + 0.5f) / 4), texel(x, y));
   // Repeat addressing wraps outside [0, 1).
-  expectColor(at(-0.125f, 1.125f), texel(3, 0));
+  expectColorNear(at(-0.125f, 1.125f), texel(3, 0));
   node.color = {2, 0.5f, 1};
-  expectColor(at(0.375f, 0.125f), texel(1, 0) * node.color);
+  expectColorNear(at(0.375f, 0.125f), texel(1, 0) * node.color);
 }
 
-TEST_F(TextureNodeImage, BilinearBlendsFourAndStochasticConvergesToIt) {
+TEST_F(TextureNodeImage, BilinearBlendsFourStochasticConvergesToItAndGammaComesFirst) {
   node.pixel_sampler = PixelSampler::bilinear;
   prepare();
   // fx = 1.25, fy = 2.75: texels (1, 2), (2, 2), (1, 3), (2, 3).
   const Color3f want =
       (texel(1, 2) * 0.75f + texel(2, 2) * 0.25f) * 0.25f + (texel(1, 3) * 0.75f + texel(2, 3) * 0.25f) * 0.75f;
-  expectColor(at(1.25f / 4, 2.75f / 4), want, 1e-5f);
+  expectColorNear(at(1.25f / 4, 2.75f / 4), want, 1e-5f);
 
   node.pixel_sampler = PixelSampler::stochastic;
   Color3f sum;
   const int n = 40000;
   for (int i = 0; i < n; ++i) sum += at(1.25f / 4, 2.75f / 4);
-  expectColor(sum / float(n), want, 0.006f);
-}
+  expectColorNear(sum / float(n), want, 0.006f);
 
-TEST_F(TextureNodeImage, GammaAppliesPerTexelBeforeTheBlend) {
+  // Gamma applies per texel before the blend. fx = 3, fy = 1.5: the blend runs down column 3 alone.
   node.gamma = 2;
-  prepare();
-  expectColor(at(0.625f, 0.375f), pow(texel(2, 1), 2), 1e-6f);
   node.pixel_sampler = PixelSampler::bilinear;
-  // fx = 3, fy = 1.5: the blend runs down column 3 alone.
-  const Color3f want = (pow(texel(3, 1), 2) + pow(texel(3, 2), 2)) * 0.5f;
-  expectColor(at(3.0f / 4, 1.5f / 4), want, 1e-5f);
+  expectColorNear(at(3.0f / 4, 1.5f / 4), (pow(texel(3, 1), 2) + pow(texel(3, 2), 2)) * 0.5f, 1e-5f);
 }
 
-TEST_F(TextureNodeImage, UvMatrixTransformsWithHomogeneousDivide) {
+TEST_F(TextureNodeImage, UvMatrixDividesByWAndColorMatrixByGreenTwice) {
   prepare();
   // u' = (0.5 u + 0.25) / 2, v' = (v + 1) / 2 after the divide by w = 2.
   const float m[9] = {0.5f, 0, 0.25f, 0, 1, 1, 0, 0, 2};
   std::copy(m, m + 9, node.uv_matrix);
-  expectColor(at(0.9f, 0.9f), texel(3, 3));  // without the flag the matrix is skipped
+  expectColorNear(at(0.9f, 0.9f), texel(3, 3));  // without the flag the matrix is skipped
   node.uvIdentity = 0;
   // u = 0.9: (0.45 + 0.25) / 2 = 0.35 -> x 1; v = 0.9: 1.9 / 2 = 0.95 -> y 3.
-  expectColor(at(0.9f, 0.9f), texel(1, 3));
-}
+  expectColorNear(at(0.9f, 0.9f), texel(1, 3));
 
-TEST_F(TextureNodeImage, ColorMatrixDividesByGreenTwice) {
-  prepare();
-  Matrix4f m;
-  m(0, 1) = 1;  // red gains green
-  m(3, 2) = 1;  // the divisor's "blue" term, which reads green
-  node.color_matrix = m;
+  node.uvIdentity = 1;
+  Matrix4f c;
+  c(0, 1) = 1;  // red gains green
+  c(3, 2) = 1;  // the divisor's "blue" term, which reads green
+  node.color_matrix = c;
   node.colorIdentity = 0;
-  const Color3f c = texel(3, 2);
-  ASSERT_NE(c.g, c.b);
-  const float w = c.g + c.g * 0 + 1;  // g M31 + r M30 + g M32 + M33
-  expectColor(at(3.5f / 4, 2.5f / 4), Color3f{c.r + c.g, c.g, c.b} / w, 1e-6f);
+  const Color3f t = texel(3, 2);
+  ASSERT_NE(t.g, t.b);
+  const float w = t.g + t.g * 0 + 1;  // g M31 + r M30 + g M32 + M33
+  expectColorNear(at(3.5f / 4, 2.5f / 4), Color3f{t.r + t.g, t.g, t.b} / w, 1e-6f);
 }
 
 TEST_F(TextureNodeImage, VectorAndNormalFromTheImage) {
@@ -232,7 +219,7 @@ TEST_F(TextureNodeImage, StoneReplacesTheTextureCoordinates) {
   s.smooth_position = {0.3f, 0.7f, 1.1f};
   const Vec3f stone = evaluateStone(node.stone, s);
   ASSERT_FALSE(stone == zeroVector);
-  expectColor(evaluateColor(node, s), sampleImage(images[node.image], stone.x, stone.y, node) * node.color);
+  expectColorNear(evaluateColor(node, s), sampleImage(images[node.image], stone.x, stone.y, node) * node.color);
 }
 
 TEST(TextureNode, MissingImageFallsBackToTheColour) {
