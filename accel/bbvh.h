@@ -33,7 +33,7 @@ static_assert(sizeof(BuildRecord) == 32);
 
 // Eight lanes as structure of arrays. The maxima sit 96 bytes after the minima,
 // so traversal picks each axis's near plane by an offset of 0 or 96 bytes.
-struct alignas(32) BvhNode {
+struct alignas(64) BvhNode {
   float min_x[8], min_y[8], min_z[8];
   float max_x[8], max_y[8], max_z[8];
   // Bits 0-31: node index or first primitive; 32-47: lane mask of the target

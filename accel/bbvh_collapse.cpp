@@ -19,7 +19,7 @@ BvhNode emptyNode() {
 
 struct Collapse {
   const std::vector<BuildRecord>& records;
-  std::vector<BvhNode>& nodes;
+  HugePageArray<BvhNode>& nodes;
   // Nodes with at least two lanes left after their first use, in order of creation.
   int64_t ring[8] = {-1, -1, -1, -1, -1, -1, -1, -1};
   int writePosition = 0;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "accel/bbvh.h"
+#include "frame/huge_pages.h"
 #include "frame/vec.h"
 
 struct FloatPair {
@@ -109,8 +110,8 @@ struct Object {
   float emitterArea = 0;
   float lightArea = 0;
   std::vector<Instance> instances;
-  std::vector<BvhNode> bvhNodes;
-  std::vector<TriangleRecord> triangleRecords;  // one a triangle of `mesh`, in the same order
+  HugePageArray<BvhNode> bvhNodes;
+  HugePageArray<TriangleRecord> triangleRecords;  // one a triangle of `mesh`, in the same order
   std::vector<BuildRecord> buildRecords;
   EmitterTable emitters, lightFaces;
   ParticleSet particles;
