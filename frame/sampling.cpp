@@ -1,7 +1,5 @@
 #include "frame/sampling.h"
 
-#include <algorithm>
-
 #include <immintrin.h>
 
 #include <cmath>
@@ -73,24 +71,34 @@ int selectFromCdf(const float* cdf, int n, float u, float& probability) {
   return first;
 }
 
-void selectFromCdf(const float* cdf, int n, const float* u, int m, int* index, float* probability) {
-  constexpr int most = 16;
-  for (int start = 0; start < m; start += most) {
-    const int k = std::min(most, m - start);
-    int first[most], count[most];
-    for (int j = 0; j < k; ++j) first[j] = 0, count[j] = n - 1;
-    // The searches advance side by side, each by its own steps, so that
-    // their loads are in flight together.
-    for (bool going = n > 1; going;) {
-      going = false;
-      for (int j = 0; j < k; ++j)
-        if (count[j] > 0) searchStep(cdf, u[start + j], first[j], count[j]), going = true;
-    }
-    for (int j = 0; j < k; ++j) {
-      index[start + j] = first[j];
-      probability[start + j] = pickProbability(cdf, first[j]);
-    }
+void buildCdfGuide(const float* cdf, int n, CdfGuide& guide) {
+  guide.first.clear();
+  if (n < 2) return;
+  for (int i = 0; i < n; ++i)
+    if (!std::isfinite(cdf[i]) || (i > 0 && cdf[i] < cdf[i - 1])) return;
+  // A power of two, so that u times it is exact and its whole part names the
+  // bucket; about one entry a bucket.
+  int buckets = 1;
+  while (buckets < n && buckets < (1 << 24)) buckets *= 2;
+  guide.first.resize(size_t(buckets) + 1);
+  int i = 0;
+  for (int b = 0; b <= buckets; ++b) {
+    const float edge = float(b) / float(buckets);
+    while (i < n - 1 && !(cdf[i] > edge)) ++i;
+    guide.first[size_t(b)] = i;
   }
+}
+
+int selectFromCdf(const float* cdf, int n, const CdfGuide& guide, float u, float& probability) {
+  const int buckets = int(guide.first.size()) - 1;
+  const float x = u * float(buckets);
+  // The answer only grows with u, so it lies between those of the bucket's edges.
+  if (buckets < 1 || !(x >= 0 && x < float(buckets))) return selectFromCdf(cdf, n, u, probability);
+  const int b = int(x);
+  int first = guide.first[size_t(b)], count = guide.first[size_t(b) + 1] - first;
+  while (count > 0) searchStep(cdf, u, first, count);
+  probability = pickProbability(cdf, first);
+  return first;
 }
 
 void buildOrthonormalBasis(Vec3f v, Vec3f& t, Vec3f& b) {

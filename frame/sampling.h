@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "frame/vec.h"
 
@@ -30,9 +31,17 @@ float lookupRadicalInverse(uint32_t index, uint32_t dimension);
 void samplePair(const SampleCursor& cursor, float& u1, float& u2);
 // Index of the first of n ascending cdf entries above u; probability of that pick.
 int selectFromCdf(const float* cdf, int n, float u, float& probability);
-// The same for m values of u at once, with the same answers; faster for many
-// searches in a table larger than the caches.
-void selectFromCdf(const float* cdf, int n, const float* u, int m, int* index, float* probability);
+
+// Where the search of a large cdf may start and end: entry b holds the answer
+// for u = b / (entries - 1), so that a u between two entries is searched
+// between their answers only. Empty when the cdf is not ascending and finite;
+// the whole table is searched then.
+struct CdfGuide {
+  std::vector<int> first;
+};
+void buildCdfGuide(const float* cdf, int n, CdfGuide& guide);
+// The same answers as the whole search, in a few steps.
+int selectFromCdf(const float* cdf, int n, const CdfGuide& guide, float u, float& probability);
 void buildOrthonormalBasis(Vec3f v, Vec3f& t, Vec3f& b);
 
 void fillExponentTable();

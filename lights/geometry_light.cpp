@@ -49,12 +49,14 @@ bool drawPoints() {
   }
   if (!(total > 0)) return false;
   for (float& c : g.cdf) c = float(double(c) / total);
+  buildCdfGuide(g.cdf.data(), int(g.cdf.size()), g.guide);
   return true;
 }
 
 void freePoints() {
   geometryLight.points = {};
   geometryLight.cdf = {};
+  geometryLight.guide = {};
 }
 
 void reportGeometryLight() {

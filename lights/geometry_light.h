@@ -32,6 +32,7 @@ struct GeometryLight {
   Color3f flux = white;  // power of one photon, before the emission colour
   std::vector<GeometryLightPoint> points;
   std::vector<float> cdf;  // selection by the mean emission of a point
+  CdfGuide guide;          // of `cdf`
   LightLink link;
   std::vector<CameraAOV> aovs;
 };

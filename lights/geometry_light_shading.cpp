@@ -18,7 +18,7 @@ struct PointPick {
 PointPick pickPoint(float u) {
   const GeometryLight& g = geometryLight;
   PointPick pick;
-  pick.index = selectFromCdf(g.cdf.data(), int(g.cdf.size()), u, pick.probability);
+  pick.index = selectFromCdf(g.cdf.data(), int(g.cdf.size()), g.guide, u, pick.probability);
   return pick;
 }
 
@@ -82,18 +82,17 @@ void shadeWithGeometryLight(LobeRadiance& lobes, const Ray& ray, const Surface& 
     const float r = uniformRandom(), s = float(ray.cursor.scramble) * 2.3283064e-10f;
     const float weight = float(P) / float(N);
     // The picks do not depend on what the samples find: a batch of them is
-    // made first and its points fetched while the searches of the next run,
-    // since the points lie all over a table far larger than the caches.
+    // made first and its points fetched while the others are picked, since
+    // the points lie all over a table far larger than the caches.
     constexpr int batch = 16;
-    float u[batch], probability[batch];
-    int index[batch];
+    PointPick picks[batch];
     for (int first = 0; first < n; first += batch) {
       const int count = std::min(batch, n - first);
-      for (int k = 0; k < count; ++k) u[k] = wrap((r + float(first + k)) / float(n) + s);
-      selectFromCdf(g.cdf.data(), int(g.cdf.size()), u, count, index, probability);
-      for (int k = 0; k < count; ++k)
-        _mm_prefetch(reinterpret_cast<const char*>(&g.points[size_t(index[k])]), _MM_HINT_T0);
-      for (int k = 0; k < count; ++k) sampleOnce({index[k], probability[k]}, weight, true);
+      for (int k = 0; k < count; ++k) {
+        picks[k] = pickPoint(wrap((r + float(first + k)) / float(n) + s));
+        _mm_prefetch(reinterpret_cast<const char*>(&g.points[size_t(picks[k].index)]), _MM_HINT_T0);
+      }
+      for (int k = 0; k < count; ++k) sampleOnce(picks[k], weight, true);
     }
   } else if (bounce < uint32_t(renderer.bounce)) {
     float u1, u2;

@@ -61,8 +61,9 @@ TEST_F(Numbers, SelectFromCdf) {
   EXPECT_FLOAT_EQ(p, 0.6f);
   EXPECT_EQ(selectFromCdf(cdf, 4, 1.5f, p), 3);
 
-  // The plain branching search is the rule; the single and batched forms give
-  // its answers even on a table broken by a NaN, where the probes decide.
+  // The plain branching search is the rule; the single and guided forms give
+  // its answers, on steps of equal entries, on a table whose mass sits in a
+  // few entries, and on one broken by a NaN, where the probes decide.
   auto plain = [](const std::vector<float>& c, float u) {
     int first = 0, count = int(c.size()) - 1;
     while (count > 0) {
@@ -72,21 +73,26 @@ TEST_F(Numbers, SelectFromCdf) {
     }
     return first;
   };
-  std::vector<float> table;
-  for (int i = 0; i < 1000; ++i) table.push_back(float(i / 3) / 333.0f);
-  for (const bool broken : {false, true}) {
-    if (broken) table[517] = std::nanf("");
-    std::vector<float> us;
-    for (int i = 0; i < 203; ++i) us.push_back(float(i) / 200.0f - 0.005f);
-    std::vector<float> probabilities(us.size());
-    std::vector<int> batch(us.size());
-    selectFromCdf(table.data(), int(table.size()), us.data(), int(us.size()), batch.data(), probabilities.data());
-    for (size_t i = 0; i < us.size(); ++i) {
-      EXPECT_EQ(selectFromCdf(table.data(), int(table.size()), us[i], p), plain(table, us[i])) << us[i];
-      EXPECT_EQ(batch[i], plain(table, us[i])) << us[i];
-      EXPECT_TRUE(p == probabilities[i] || (std::isnan(p) && std::isnan(probabilities[i])));
+  std::vector<float> steps, skewed;
+  for (int i = 0; i < 1000; ++i) steps.push_back(float(i / 3) / 333.0f);
+  for (int i = 0; i < 777; ++i) skewed.push_back(i < 700 ? float(i) * 1e-6f : 1 - float(776 - i) / 80.0f);
+  std::vector<float> us = {0.0f, 1.0f, -0.0f, std::nextafter(1.0f, 0.0f), std::nanf(""), 2.0f, -1e-9f};
+  for (int i = 0; i < 203; ++i) us.push_back(float(i) / 200.0f - 0.005f);
+  for (float c : steps) us.push_back(c), us.push_back(std::nextafter(c, 0.0f));
+  for (float c : skewed) us.push_back(c);
+  for (const bool broken : {false, true})
+    for (std::vector<float> table : {steps, skewed}) {
+      if (broken) table[517] = std::nanf("");
+      CdfGuide guide;
+      buildCdfGuide(table.data(), int(table.size()), guide);
+      EXPECT_EQ(guide.first.empty(), broken);
+      for (const float u : us) {
+        float q;
+        EXPECT_EQ(selectFromCdf(table.data(), int(table.size()), u, p), plain(table, u)) << u;
+        EXPECT_EQ(selectFromCdf(table.data(), int(table.size()), guide, u, q), plain(table, u)) << u;
+        EXPECT_TRUE(p == q || (std::isnan(p) && std::isnan(q)));
+      }
     }
-  }
 }
 
 TEST_F(Numbers, UniformRandomStaysInUnitRange) {
