@@ -94,9 +94,8 @@ void prepareNode(TextureNode& node) {
   std::for_each(&node.shift[0][0], &node.shift[0][0] + 9, [](float& v) { v = std::clamp(v, 0.0f, 1.0f); });
 }
 
-Color3f evaluateColor(const TextureNode& node, const Surface& surface) {
-  // A layer that is off answers zero: most nodes have none, and a hit evaluates
-  // many nodes, so the call is spared here.
+Color3f evaluateLayeredColor(const TextureNode& node, const Surface& surface) {
+  // A layer that is off answers zero, and its evaluation is spared.
   if (node.flake.density > 0 && !(evaluateFlake(node.flake, surface) == zeroVector)) return node.flake.color;
   // A stone hit replaces the surface's texture coordinates.
   if (node.stone.density > 0) {

@@ -44,7 +44,14 @@ void resetNode(TextureNode& node);
 void readNodeBlock(TextureNode& node, std::istream& file);
 // Loads the image (falling back to the colour when it fails) and prepares the layers.
 void prepareNode(TextureNode& node);
-Color3f evaluateColor(const TextureNode& node, const Surface& surface);
+// The colour of a node with a flake or stone layer or an image.
+Color3f evaluateLayeredColor(const TextureNode& node, const Surface& surface);
+// Most nodes are a plain colour, and a hit evaluates many of them: that case
+// costs a few compares here instead of a call.
+inline Color3f evaluateColor(const TextureNode& node, const Surface& surface) {
+  if (node.flake.density > 0 || node.stone.density > 0 || node.image >= 0) return evaluateLayeredColor(node, surface);
+  return node.color;
+}
 Vec3f evaluateVector(const TextureNode& node, const Surface& surface);
 // Perturbs the surface's shading normal and rebuilds its frame about it.
 void applyNormalNode(const TextureNode& node, Surface& surface);
