@@ -14,6 +14,7 @@
 //   cmake -S . -B build -G Ninja -DQZ_BENCH=ON && ninja -C build ray_bench
 //   build/bench/ray_bench [rounds] [seconds per run] [largest thread count]
 //   build/bench/ray_bench digest      the answers' digests only
+//   build/bench/ray_bench 5 0.5 2 build   the build rows only
 #include <omp.h>
 #include <time.h>
 
@@ -326,6 +327,7 @@ int main(int argc, char** argv) {
   const int rounds = argc > 1 && !digestOnly ? std::max(1, std::atoi(argv[1])) : 5;
   const double seconds = argc > 2 ? std::max(0.01, std::atof(argv[2])) : 0.5;
   const int all = argc > 3 ? std::clamp(std::atoi(argv[3]), 1, omp_get_num_procs()) : omp_get_num_procs();
+  const bool buildOnly = argc > 4 && std::string(argv[4]) == "build";
   std::ostringstream sink;
   std::streambuf* console = std::cout.rdbuf(sink.rdbuf());
   qzStartup();
@@ -353,6 +355,7 @@ int main(int argc, char** argv) {
 #endif
     size_t hits = 0, embreeHits = 0;
     for (const RaySet& set : {cameraRays(512), diffuseRays(mesh, 262144)}) {
+      if (buildOnly) break;
       if (digestOnly) {
         std::printf("%-8.8s %-8s digest %016llx\n", shortName, set.name, (unsigned long long)digest(set));
         continue;
