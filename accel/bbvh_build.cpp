@@ -52,9 +52,9 @@ struct Bins {
 
 const __m128 half = _mm_set1_ps(0.5f);
 
-__m128 loadMin(const BuildEntry &e) { return _mm_loadu_ps(&e.min.x); }
-__m128 loadMax(const BuildEntry &e) { return _mm_loadu_ps(&e.max.x); }
-__m128 centre(const BuildEntry &e) { return _mm_mul_ps(_mm_add_ps(loadMin(e), loadMax(e)), half); }
+__m128 loadMin(const BuildEntry& e) { return _mm_loadu_ps(&e.min.x); }
+__m128 loadMax(const BuildEntry& e) { return _mm_loadu_ps(&e.max.x); }
+__m128 centre(const BuildEntry& e) { return _mm_mul_ps(_mm_add_ps(loadMin(e), loadMax(e)), half); }
 Vec3f toVec(__m128 v) {
   alignas(16) float f[4];
   _mm_store_ps(f, v);
@@ -70,7 +70,7 @@ Box toBox(__m256 bin) {
 // A box's corners on four lanes, the fourth 0.
 struct LaneBox {
   __m128 min, max;
-  explicit LaneBox(const Box &b)
+  explicit LaneBox(const Box& b)
       : min(_mm_setr_ps(b.min.x, b.min.y, b.min.z, 0)), max(_mm_setr_ps(b.max.x, b.max.y, b.max.z, 0)) {}
   // The comparisons are false for a NaN, as the plain ones are.
   bool contains(__m128 low, __m128 high) const {
@@ -80,23 +80,23 @@ struct LaneBox {
 };
 
 struct Level {
-  std::vector<BuildRecord> &records;
-  std::vector<BuildEntry> &entries;
-  std::vector<BuildTask> &output;
-  std::atomic<uint32_t> &outputCount;
+  std::vector<BuildRecord>& records;
+  std::vector<BuildEntry>& entries;
+  std::vector<BuildTask>& output;
+  std::atomic<uint32_t>& outputCount;
   uint32_t nodeCount;
   int level;
 };
 
-RangeSummary summarize(const BuildEntry *e, uint32_t count) {
+RangeSummary summarize(const BuildEntry* e, uint32_t count) {
   RangeSummary s;
   for (uint32_t i = 0; i < count; ++i) s.add(centre(e[i]), e[i].kind);
   return s;
 }
 
-// Counts every primitive in one bin per axis, bin trunc((1 / extent) (centre -
-// low) 16) limited to 0..15, with a NaN in bin 0.
-void fillBins(const BuildEntry *e, uint32_t count, Vec3f low, Vec3f extent, Bins &bins) {
+// Counts every primitive in one bin per axis, bin trunc((1 / extent) (centre - low) 16)
+// limited to 0..15, with a NaN in bin 0.
+void fillBins(const BuildEntry* e, uint32_t count, Vec3f low, Vec3f extent, Bins& bins) {
   const __m128 lowest = _mm_setr_ps(low.x, low.y, low.z, 0);
   const __m128 scale = _mm_setr_ps(1.0f / extent.x, 1.0f / extent.y, 1.0f / extent.z, 0);
   const __m128 bins16 = _mm_set1_ps(float(binCount));
@@ -113,21 +113,22 @@ void fillBins(const BuildEntry *e, uint32_t count, Vec3f low, Vec3f extent, Bins
     f = _mm_min_ps(_mm_max_ps(f, first),
                    last);  // max answers its second operand for a NaN
     const __m128i index = _mm_cvttps_epi32(f);
-    const int bin[3] = {_mm_cvtsi128_si32(index), _mm_extract_epi32(index, 1), _mm_extract_epi32(index, 2)};
-    for (int axis = 0; axis < 3; ++axis) {
-      // Operands in this order pass a NaN corner over, as growBox does.
-      __m256 &box = bins.box[axis][bin[axis]];
-      box = _mm256_min_ps(corners, box);
-      ++bins.count[axis][bin[axis]];
-    }
+    // Operands in this order pass a NaN corner over, as growBox does.
+    auto grow = [&](int axis, int bin) {
+      bins.box[axis][bin] = _mm256_min_ps(corners, bins.box[axis][bin]);
+      ++bins.count[axis][bin];
+    };
+    grow(0, _mm_cvtsi128_si32(index));
+    grow(1, _mm_extract_epi32(index, 1));
+    grow(2, _mm_extract_epi32(index, 2));
   }
 }
 
 // Bit k set when bin k of the axis holds a primitive.
-uint32_t usedBins(const uint32_t *count) {
+uint32_t usedBins(const uint32_t* count) {
   const __m256i zero = _mm256_setzero_si256();
-  const __m256i low = _mm256_load_si256(reinterpret_cast<const __m256i *>(count));
-  const __m256i high = _mm256_load_si256(reinterpret_cast<const __m256i *>(count + 8));
+  const __m256i low = _mm256_load_si256(reinterpret_cast<const __m256i*>(count));
+  const __m256i high = _mm256_load_si256(reinterpret_cast<const __m256i*>(count + 8));
   const uint32_t empty = uint32_t(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpeq_epi32(low, zero)))) |
                          uint32_t(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpeq_epi32(high, zero)))) << 8;
   return ~empty & 0xFFFFu;
@@ -135,8 +136,8 @@ uint32_t usedBins(const uint32_t *count) {
 
 // Partition by the two boxes; a primitive in both goes to the smaller one, ties
 // to the right. Each side's summary is gathered on the way.
-uint32_t partitionBoxes(BuildEntry *e, uint32_t count, const Box &left, const Box &right, RangeSummary &leftSide,
-                        RangeSummary &rightSide) {
+uint32_t partitionBoxes(BuildEntry* e, uint32_t count, const Box& left, const Box& right, RangeSummary& leftSide,
+                        RangeSummary& rightSide) {
   const bool leftSmaller = halfArea(left.min, left.max) < halfArea(right.min, right.max);
   const LaneBox l(left), r(right);
   uint32_t i = 0, j = count;
@@ -159,8 +160,8 @@ uint32_t partitionBoxes(BuildEntry *e, uint32_t count, const Box &left, const Bo
 }
 
 // Returns the size of the left side, or 0 when no split was found.
-uint32_t splitBySurfaceArea(BuildEntry *e, uint32_t count, Vec3f low, Vec3f high, RangeSummary &leftSide,
-                            RangeSummary &rightSide) {
+uint32_t splitBySurfaceArea(BuildEntry* e, uint32_t count, Vec3f low, Vec3f high, RangeSummary& leftSide,
+                            RangeSummary& rightSide) {
   Vec3f extent = high - low;
   if (extent.x == 0 && extent.y == 0 && extent.z == 0) return 0;
   Bins bins;
@@ -169,8 +170,8 @@ uint32_t splitBySurfaceArea(BuildEntry *e, uint32_t count, Vec3f low, Vec3f high
   Box left, right;
   for (int axis = 0; axis < 3; ++axis) {
     if (extent[axis] == 0) continue;
-    const __m256 *bin = bins.box[axis];
-    const uint32_t *binCounts = bins.count[axis];
+    const __m256* bin = bins.box[axis];
+    const uint32_t* binCounts = bins.count[axis];
     const uint32_t used = usedBins(binCounts);
     // The sides are tried at k = 1 and after every used bin below 15: past an
     // empty bin both sides and so the cost repeat, and only a strictly smaller
@@ -212,13 +213,13 @@ uint32_t splitBySurfaceArea(BuildEntry *e, uint32_t count, Vec3f low, Vec3f high
 }
 
 // Entries of the smallest kind to the left; returns their number.
-uint32_t splitByKind(BuildEntry *e, uint32_t count) {
+uint32_t splitByKind(BuildEntry* e, uint32_t count) {
   uint8_t smallest = e[0].kind;
   for (uint32_t i = 1; i < count; ++i) smallest = std::min(smallest, e[i].kind);
-  return uint32_t(std::partition(e, e + count, [&](const BuildEntry &x) { return x.kind == smallest; }) - e);
+  return uint32_t(std::partition(e, e + count, [&](const BuildEntry& x) { return x.kind == smallest; }) - e);
 }
 
-void makeLeaf(BuildRecord &record, uint32_t first, uint32_t count, uint8_t kind) {
+void makeLeaf(BuildRecord& record, uint32_t first, uint32_t count, uint8_t kind) {
   record.link = first;
   record.kind = kind;
   // The count wraps in its byte and what lies beyond is lost to the hierarchy.
@@ -226,8 +227,8 @@ void makeLeaf(BuildRecord &record, uint32_t first, uint32_t count, uint8_t kind)
   record.count = uint8_t(count) == 0 ? 255 : uint8_t(count);
 }
 
-void splitTask(const BuildTask &task, Level &level) {
-  BuildEntry *e = level.entries.data() + task.first;
+void splitTask(const BuildTask& task, Level& level) {
+  BuildEntry* e = level.entries.data() + task.first;
   const uint32_t kinds = task.summary.kinds;
   const uint32_t single = kinds & (1u << kindTetragon | 1u << kindInstance) ? 1 : 0;
   const bool oneKind = (kinds & (kinds - 1)) == 0;
@@ -249,13 +250,13 @@ void splitTask(const BuildTask &task, Level &level) {
   uint32_t child = level.nodeCount + slot;
   level.output[slot] = {child, task.first, leftCount, leftSide};
   level.output[slot + 1] = {child + 1, task.first + leftCount, task.count - leftCount, rightSide};
-  BuildRecord &record = level.records[task.node];
+  BuildRecord& record = level.records[task.node];
   record.link = child;
   record.count = 0;
   record.kind = 0;
 }
 
-std::vector<BuildEntry> gatherEntries(const Object &object) {
+std::vector<BuildEntry> gatherEntries(const Object& object) {
   std::vector<BuildEntry> entries;
   entries.reserve(object.particles.indices.size() + object.cylinders.indices.size() + object.mesh.triangles.size() +
                   object.mesh.tetragons.size() + object.instances.size());
@@ -275,23 +276,22 @@ std::vector<BuildEntry> gatherEntries(const Object &object) {
 
 // Appends a leaf's primitives and answers where they start.
 template <typename T>
-uint32_t appendLeaf(std::vector<T> &to, const std::vector<T> &from, const BuildEntry *e, uint32_t count) {
+uint32_t appendLeaf(std::vector<T>& to, const std::vector<T>& from, const BuildEntry* e, uint32_t count) {
   const uint32_t start = uint32_t(to.size());
   for (uint32_t i = 0; i < count; ++i) to.push_back(from[e[i].index]);
   return start;
 }
 
-// Leaves take their primitives' new positions: every index after this is in
-// leaf order.
-void reorderPrimitives(Object &object, const std::vector<BuildEntry> &entries) {
+// Leaves take their primitives' new positions: every index after this is in leaf order.
+void reorderPrimitives(Object& object, const std::vector<BuildEntry>& entries) {
   std::vector<uint32_t> particles;
   std::vector<Cylinder> cylinders;
   std::vector<Triangle> triangles;
   std::vector<Tetragon> tetragons;
   std::vector<Instance> instances;
-  for (BuildRecord &r : object.buildRecords) {
+  for (BuildRecord& r : object.buildRecords) {
     if (r.count == 0) continue;
-    const BuildEntry *e = entries.data() + r.link;
+    const BuildEntry* e = entries.data() + r.link;
     if (r.kind == kindParticle) r.link = appendLeaf(particles, object.particles.indices, e, r.count);
     if (r.kind == kindCylinder) r.link = appendLeaf(cylinders, object.cylinders.indices, e, r.count);
     if (r.kind == kindTriangle) r.link = appendLeaf(triangles, object.mesh.triangles, e, r.count);
@@ -307,10 +307,10 @@ void reorderPrimitives(Object &object, const std::vector<BuildEntry> &entries) {
 
 }  // namespace
 
-void buildBinaryTree(Object &object) {
+void buildBinaryTree(Object& object) {
   int64_t start = clockNanoseconds();
   std::vector<BuildEntry> entries = gatherEntries(object);
-  std::vector<BuildRecord> &records = object.buildRecords;
+  std::vector<BuildRecord>& records = object.buildRecords;
   // Preparation may have dropped every primitive that named a missing vertex.
   if (entries.empty()) {
     records.clear();
@@ -338,8 +338,8 @@ void buildBinaryTree(Object &object) {
   }
   // Ranges still open after the last level would read as inner nodes pointing
   // at the root: each keeps the leading run of its first kind as a leaf.
-  for (const BuildTask &task : tasks) {
-    const BuildEntry *e = entries.data() + task.first;
+  for (const BuildTask& task : tasks) {
+    const BuildEntry* e = entries.data() + task.first;
     uint32_t run = 1;
     while (run < task.count && e[run].kind == e[0].kind) ++run;
     makeLeaf(records[task.node], task.first, run, e[0].kind);
@@ -349,15 +349,15 @@ void buildBinaryTree(Object &object) {
   printRow("accel built", float((clockNanoseconds() - start) / 1000000), "m seconds", 3);
 }
 
-void refitBinaryTree(Object &object, uint32_t node) {
-  BuildRecord &record = object.buildRecords[node];
+void refitBinaryTree(Object& object, uint32_t node) {
+  BuildRecord& record = object.buildRecords[node];
   Box box;
   if (record.count != 0) {
     for (uint32_t i = 0; i < record.count; ++i) growBox(box, primitiveBox(object, record.kind, record.link + i));
   } else {
     for (uint32_t child : {record.link, record.link + 1}) {
       refitBinaryTree(object, child);
-      const BuildRecord &c = object.buildRecords[child];
+      const BuildRecord& c = object.buildRecords[child];
       growBox(box, c.min, c.max);
     }
   }
