@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <utility>
 
 #include "accel/bbvh.h"
@@ -65,6 +66,17 @@ Box toBox(__m256 bin) {
   alignas(32) float f[8];
   _mm256_store_ps(f, bin);
   return {{f[0], f[1], f[2]}, {-f[4], -f[5], -f[6]}};
+}
+
+// halfArea of a bin's box without leaving the registers, by the operations the
+// scalar form compiles to: the same subtraction, maxps (0, e) keeping a NaN or
+// a -0 as std::max (e, 0) does, and x (y + z) + y z with the first product fused.
+float binArea(__m256 bin) {
+  const __m128 low = _mm256_castps256_ps128(bin);
+  const __m128 high = _mm_xor_ps(_mm256_extractf128_ps(bin, 1), _mm_set1_ps(-0.0f));
+  const __m128 e = _mm_max_ps(_mm_setzero_ps(), _mm_sub_ps(high, low));
+  const float x = _mm_cvtss_f32(e), y = _mm_cvtss_f32(_mm_movehdup_ps(e)), z = _mm_cvtss_f32(_mm_unpackhi_ps(e, e));
+  return std::fma(x, y + z, y * z);
 }
 
 // A box's corners on four lanes, the fourth 0.
@@ -167,7 +179,7 @@ uint32_t splitBySurfaceArea(BuildEntry* e, uint32_t count, Vec3f low, Vec3f high
   Bins bins;
   fillBins(e, count, low, extent, bins);
   float best = infinity;
-  Box left, right;
+  __m256 left = _mm256_setzero_ps(), right = left;
   for (int axis = 0; axis < 3; ++axis) {
     if (extent[axis] == 0) continue;
     const __m256* bin = bins.box[axis];
@@ -198,18 +210,17 @@ uint32_t splitBySurfaceArea(BuildEntry* e, uint32_t count, Vec3f low, Vec3f high
       const int k = __builtin_ctz(rest);
       prefixBox = _mm256_min_ps(prefixBox, bin[k - 1]);
       m += binCounts[k - 1];
-      const Box prefix = toBox(prefixBox), suffixBox = toBox(suffix[k]);
-      const float cost =
-          halfArea(prefix.min, prefix.max) * float(m) + halfArea(suffixBox.min, suffixBox.max) * float(suffixCount[k]);
+      // The sum as the compiler fuses it in the plain form: the right side's product.
+      const float cost = std::fma(float(suffixCount[k]), binArea(suffix[k]), binArea(prefixBox) * float(m));
       if (cost < best) {
         best = cost;
-        left = prefix;
-        right = suffixBox;
+        left = prefixBox;
+        right = suffix[k];
       }
     }
   }
   if (best == infinity) return 0;
-  return partitionBoxes(e, count, left, right, leftSide, rightSide);
+  return partitionBoxes(e, count, toBox(left), toBox(right), leftSide, rightSide);
 }
 
 // Entries of the smallest kind to the left; returns their number.
