@@ -106,24 +106,31 @@ RangeSummary summarize(const BuildEntry* e, uint32_t count) {
   return s;
 }
 
-// Counts every primitive in one bin per axis, bin trunc((1 / extent) (centre - low) 16)
-// limited to 0..15, with a NaN in bin 0.
-void fillBins(const BuildEntry* e, uint32_t count, Vec3f low, Vec3f extent, Bins& bins) {
-  const __m128 lowest = _mm_setr_ps(low.x, low.y, low.z, 0);
-  const __m128 scale = _mm_setr_ps(1.0f / extent.x, 1.0f / extent.y, 1.0f / extent.z, 0);
-  const __m128 bins16 = _mm_set1_ps(float(binCount));
-  const __m128 first = _mm_setzero_ps(), last = _mm_set1_ps(float(binCount - 1));
-  // min x y z, max x, then max x y z, index: spread to min x y z, -max x y z.
-  const __m256i spread = _mm256_setr_epi32(0, 1, 2, 3, 3, 4, 5, 6);
-  const __m256 negateHigh = _mm256_setr_ps(0, 0, 0, 0, -0.0f, -0.0f, -0.0f, -0.0f);
-  for (int axis = 0; axis < 3; ++axis)
-    for (int k = 0; k < binCount; ++k) bins.box[axis][k] = _mm256_set1_ps(infinity);
-  std::fill(&bins.count[0][0], &bins.count[0][0] + 3 * binCount, 0u);
-  for (uint32_t i = 0; i < count; ++i) {
-    const __m256 corners = _mm256_xor_ps(_mm256_permutevar8x32_ps(_mm256_loadu_ps(&e[i].min.x), spread), negateHigh);
-    __m128 f = _mm_mul_ps(_mm_mul_ps(scale, _mm_sub_ps(centre(e[i]), lowest)), bins16);
-    f = _mm_min_ps(_mm_max_ps(f, first),
-                   last);  // max answers its second operand for a NaN
+void clearBins(Bins& bins) {
+  for (int axis = 0; axis < 3; ++axis) {
+#pragma GCC unroll 16
+    for (__m256& box : bins.box[axis]) box = _mm256_set1_ps(infinity);
+    for (int k = 0; k < binCount; k += 8)
+      _mm256_store_si256(reinterpret_cast<__m256i*>(&bins.count[axis][k]), _mm256_setzero_si256());
+  }
+}
+
+// Bin number trunc((1 / extent) (centre - low) 16) per axis, limited to 0..15,
+// with a NaN in bin 0; and the corners as the bins hold them.
+struct BinMap {
+  __m128 lowest, scale;
+  BinMap(Vec3f low, Vec3f extent)
+      : lowest(_mm_setr_ps(low.x, low.y, low.z, 0)),
+        scale(_mm_setr_ps(1.0f / extent.x, 1.0f / extent.y, 1.0f / extent.z, 0)) {}
+
+  void add(const BuildEntry& e, Bins& bins) const {
+    // min x y z, max x, then max x y z, index: spread to min x y z, -max x y z.
+    const __m256 corners =
+        _mm256_xor_ps(_mm256_permutevar8x32_ps(_mm256_loadu_ps(&e.min.x), _mm256_setr_epi32(0, 1, 2, 3, 3, 4, 5, 6)),
+                      _mm256_setr_ps(0, 0, 0, 0, -0.0f, -0.0f, -0.0f, -0.0f));
+    __m128 f = _mm_mul_ps(_mm_mul_ps(scale, _mm_sub_ps(centre(e), lowest)), _mm_set1_ps(float(binCount)));
+    // max answers its second operand for a NaN
+    f = _mm_min_ps(_mm_max_ps(f, _mm_setzero_ps()), _mm_set1_ps(float(binCount - 1)));
     const __m128i index = _mm_cvttps_epi32(f);
     // Operands in this order pass a NaN corner over, as growBox does.
     auto grow = [&](int axis, int bin) {
@@ -134,6 +141,13 @@ void fillBins(const BuildEntry* e, uint32_t count, Vec3f low, Vec3f extent, Bins
     grow(1, _mm_extract_epi32(index, 1));
     grow(2, _mm_extract_epi32(index, 2));
   }
+};
+
+// Counts every primitive in one bin per axis.
+void fillBins(const BuildEntry* e, uint32_t count, Vec3f low, Vec3f extent, Bins& bins) {
+  const BinMap map(low, extent);
+  clearBins(bins);
+  for (uint32_t i = 0; i < count; ++i) map.add(e[i], bins);
 }
 
 // Bit k set when bin k of the axis holds a primitive.
