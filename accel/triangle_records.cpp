@@ -29,14 +29,12 @@ void recordFour(const Mesh& mesh, const uint32_t (&corners)[4][3], TriangleRecor
   const __m128 uz = sub(mul(e2x, ny), mul(e2y, nx));
   const __m128 vx = sub(mul(ny, e1z), mul(nz, e1y)), vy = sub(mul(nz, e1x), mul(nx, e1z));
   const __m128 vz = sub(mul(nx, e1y), mul(ny, e1x));
-  alignas(16) float rows[4][4][4];  // field row, component, lane
-  const __m128 fields[4][4] = {{p0x, p0y, p0z, scale}, {nx, ny, nz}, {ux, uy, uz}, {vx, vy, vz}};
-  for (int row = 0; row < 4; ++row)
-    for (int c = 0; c < 4; ++c) _mm_store_ps(rows[row][c], fields[row][c]);
-  for (int lane = 0; lane < count; ++lane) {
-    float* record = out[lane].p0;
-    for (int row = 0; row < 4; ++row)
-      for (int c = 0; c < 4; ++c) record[4 * row + c] = rows[row][c][lane];
+  // Each row of four components across the lanes, transposed into one row per triangle.
+  __m128 fields[4][4] = {{p0x, p0y, p0z, scale}, {nx, ny, nz}, {ux, uy, uz}, {vx, vy, vz}};
+  for (int row = 0; row < 4; ++row) {
+    __m128* f = fields[row];
+    _MM_TRANSPOSE4_PS(f[0], f[1], f[2], f[3]);
+    for (int lane = 0; lane < count; ++lane) _mm_storeu_ps(out[lane].p0 + 4 * row, f[lane]);
   }
 }
 }  // namespace
