@@ -282,20 +282,22 @@ void splitTask(const BuildTask& task, Level& level) {
 }
 
 std::vector<BuildEntry> gatherEntries(const Object& object) {
-  std::vector<BuildEntry> entries;
-  entries.reserve(object.particles.indices.size() + object.cylinders.indices.size() + object.mesh.triangles.size() +
-                  object.mesh.tetragons.size() + object.instances.size());
-  auto add = [&](uint8_t kind, size_t count) {
-    for (uint32_t i = 0; i < count; ++i) {
-      Box box = primitiveBox(object, kind, i);
-      entries.push_back({box.min, box.max, i, kind});
+  const size_t counts[] = {object.particles.indices.size(), object.cylinders.indices.size(),
+                           object.mesh.triangles.size(), object.mesh.tetragons.size(), object.instances.size()};
+  size_t total = 0;
+  for (size_t count : counts) total += count;
+  std::vector<BuildEntry> entries(total);
+  BuildEntry* out = entries.data();
+  for (int k = 0; k < 5; ++k) {
+    const uint8_t kind = uint8_t(kindParticle + k);
+    const int64_t count = int64_t(counts[k]);
+#pragma omp parallel for schedule(static) if (count >= 16384)
+    for (int64_t i = 0; i < count; ++i) {
+      const Box box = primitiveBox(object, kind, uint32_t(i));
+      out[i] = {box.min, box.max, uint32_t(i), kind};
     }
-  };
-  add(kindParticle, object.particles.indices.size());
-  add(kindCylinder, object.cylinders.indices.size());
-  add(kindTriangle, object.mesh.triangles.size());
-  add(kindTetragon, object.mesh.tetragons.size());
-  add(kindInstance, object.instances.size());
+    out += count;
+  }
   return entries;
 }
 
@@ -374,18 +376,39 @@ void buildBinaryTree(Object& object) {
   printRow("accel built", float((clockNanoseconds() - start) / 1000000), "m seconds", 3);
 }
 
-void refitBinaryTree(Object& object, uint32_t node) {
+namespace {
+
+// The subtrees of the top levels are refitted as tasks of their own; every
+// box is still the union of its children's in the same order.
+void refitSubtree(Object& object, uint32_t node, int depth) {
   BuildRecord& record = object.buildRecords[node];
   Box box;
   if (record.count != 0) {
     for (uint32_t i = 0; i < record.count; ++i) growBox(box, primitiveBox(object, record.kind, record.link + i));
   } else {
-    for (uint32_t child : {record.link, record.link + 1}) {
-      refitBinaryTree(object, child);
+    const uint32_t link = record.link;
+    if (depth < 6) {
+#pragma omp task shared(object)
+      refitSubtree(object, link, depth + 1);
+      refitSubtree(object, link + 1, depth + 1);
+#pragma omp taskwait
+    } else {
+      refitSubtree(object, link, depth + 1);
+      refitSubtree(object, link + 1, depth + 1);
+    }
+    for (uint32_t child : {link, link + 1}) {
       const BuildRecord& c = object.buildRecords[child];
       growBox(box, c.min, c.max);
     }
   }
   record.min = box.min;
   record.max = box.max;
+}
+
+}  // namespace
+
+void refitBinaryTree(Object& object, uint32_t node) {
+#pragma omp parallel if (object.buildRecords.size() >= 16384)
+#pragma omp single
+  refitSubtree(object, node, 0);
 }

@@ -43,7 +43,10 @@ void recordTriangles(Object& object) {
   const Mesh& mesh = object.mesh;
   const size_t count = mesh.triangles.size(), vertices = mesh.worldPositions.size();
   object.triangleRecords.assign(count, TriangleRecord{});
-  for (size_t first = 0; first < count; first += 4) {
+  const int64_t groups = int64_t((count + 3) / 4);
+#pragma omp parallel for schedule(static) if (groups >= 4096)
+  for (int64_t group = 0; group < groups; ++group) {
+    const size_t first = size_t(group) * 4;
     const int n = int(std::min<size_t>(4, count - first));
     // Missing lanes and corners out of range read vertex 0; an out-of-range
     // triangle keeps a zero record, whose distance 0 / 0 no ray accepts.
