@@ -214,16 +214,27 @@ void restructureTree(Object& object) {
       printError("bbvh - depth out of range " + std::to_string(depth) + "/" + std::to_string(maxBuildDepth));
   });
   for (int d = 0; d < maxBuildDepth; ++d) depthLists[d].reserve(counts[d]);
+  std::vector<uint32_t> preorder;
+  preorder.reserve(records.size());
   walkTree(records, [&](uint32_t node, uint32_t depth) {
     if (depth < maxBuildDepth) depthLists[depth].push_back(node);
+    preorder.push_back(node);
   });
+  // A subtree of fewer than 16 leaves can form no treelet, and reclustering
+  // below a node keeps its leaves: counted once, children before parents.
+  std::vector<uint32_t> leaves(records.size());
+  for (auto node = preorder.rbegin(); node != preorder.rend(); ++node) {
+    const BuildRecord& r = records[*node];
+    leaves[*node] = r.count != 0 ? 1 : leaves[r.link] + leaves[r.link + 1];
+  }
   for (int d = maxBuildDepth - 1; d >= 0; --d) {
     const std::vector<uint32_t>& list = depthLists[d];
     const int count = int(list.size());
     // Short lists are not worth waking the other threads for; chunks shrink
     // so that a thread held back by the system does not hold the others.
 #pragma omp parallel for schedule(guided) if (count >= 64)
-    for (int i = 0; i < count; ++i) optimizeTreelet(records, list[i]);
+    for (int i = 0; i < count; ++i)
+      if (leaves[list[i]] >= treeletLeaves) optimizeTreelet(records, list[i]);
   }
   clearDepthLists();
 }
