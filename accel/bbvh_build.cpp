@@ -1,6 +1,7 @@
 // Stage 1 of the hierarchy: a binary tree by binned surface-area splits,
 // one parallel loop per level, and the refit that gives its nodes their boxes.
 #include <immintrin.h>
+#include <omp.h>
 
 #include <algorithm>
 #include <atomic>
@@ -252,33 +253,108 @@ void makeLeaf(BuildRecord& record, uint32_t first, uint32_t count, uint8_t kind)
   record.count = uint8_t(count) == 0 ? 255 : uint8_t(count);
 }
 
-void splitTask(const BuildTask& task, Level& level) {
-  BuildEntry* e = level.entries.data() + task.first;
+// Splits a task's range in place into `sides`, their nodes still to be
+// numbered; answers false when the range became a leaf of `record`.
+bool splitRange(const BuildTask& task, int depth, BuildEntry* entries, BuildRecord& record, BuildTask (&sides)[2]) {
+  BuildEntry* e = entries + task.first;
   const uint32_t kinds = task.summary.kinds;
   const uint32_t single = kinds & (1u << kindTetragon | 1u << kindInstance) ? 1 : 0;
   const bool oneKind = (kinds & (kinds - 1)) == 0;
   RangeSummary leftSide, rightSide;
   uint32_t leftCount = 0;
-  if (level.level < maxBuildDepth - 1 && task.count > 2 - single)
+  if (depth < maxBuildDepth - 1 && task.count > 2 - single)
     leftCount =
         splitBySurfaceArea(e, task.count, toVec(task.summary.low), toVec(task.summary.high), leftSide, rightSide);
   if (leftCount == 0) {
     if (oneKind) {
-      makeLeaf(level.records[task.node], task.first, task.count, e[0].kind);
-      return;
+      makeLeaf(record, task.first, task.count, e[0].kind);
+      return false;
     }
     leftCount = splitByKind(e, task.count);
     leftSide = summarize(e, leftCount);
     rightSide = summarize(e + leftCount, task.count - leftCount);
   }
-  uint32_t slot = level.outputCount.fetch_add(2);
-  uint32_t child = level.nodeCount + slot;
-  level.output[slot] = {child, task.first, leftCount, leftSide};
-  level.output[slot + 1] = {child + 1, task.first + leftCount, task.count - leftCount, rightSide};
-  BuildRecord& record = level.records[task.node];
+  sides[0] = {0, task.first, leftCount, leftSide};
+  sides[1] = {0, task.first + leftCount, task.count - leftCount, rightSide};
+  return true;
+}
+
+void makeInner(BuildRecord& record, uint32_t child, BuildTask (&sides)[2]) {
   record.link = child;
   record.count = 0;
   record.kind = 0;
+  sides[0].node = child;
+  sides[1].node = child + 1;
+}
+
+// Ranges still open after the last level would read as inner nodes pointing
+// at the root: each keeps the leading run of its first kind as a leaf.
+void makeLastLeaf(BuildRecord& record, const BuildTask& task, const BuildEntry* entries) {
+  const BuildEntry* e = entries + task.first;
+  uint32_t run = 1;
+  while (run < task.count && e[run].kind == e[0].kind) ++run;
+  makeLeaf(record, task.first, run, e[0].kind);
+}
+
+void splitTask(const BuildTask& task, Level& level) {
+  BuildTask sides[2];
+  BuildRecord& record = level.records[task.node];
+  if (!splitRange(task, level.level, level.entries.data(), record, sides)) return;
+  const uint32_t slot = level.outputCount.fetch_add(2);
+  makeInner(record, level.nodeCount + slot, sides);
+  level.output[slot] = sides[0];
+  level.output[slot + 1] = sides[1];
+}
+
+// Level by level, every node numbered in the order of its level: the order
+// that a build on one thread must keep.
+uint32_t buildByLevels(std::vector<BuildRecord>& records, std::vector<BuildEntry>& entries, BuildTask root) {
+  records.assign(1, BuildRecord{});
+  std::vector<BuildTask> tasks{root}, output;
+  uint32_t nodeCount = 1;
+  std::atomic<uint32_t> outputCount;
+  for (int depth = 0; depth < maxBuildDepth && !tasks.empty(); ++depth) {
+    records.resize(nodeCount + 2 * tasks.size());
+    output.resize(2 * tasks.size());
+    outputCount = 0;
+    Level level{records, entries, output, outputCount, nodeCount, depth};
+    for (const BuildTask& task : tasks) splitTask(task, level);
+    uint32_t made = outputCount;
+    nodeCount += made;
+    output.resize(made);
+    std::swap(tasks, output);
+  }
+  for (const BuildTask& task : tasks) makeLastLeaf(records[task.node], task, entries.data());
+  return nodeCount;
+}
+
+struct Subtrees {
+  std::vector<BuildRecord>& records;
+  BuildEntry* entries;
+  std::atomic<uint32_t> nodeCount{1};
+};
+
+// The same splits as a task per large left side, so that threads meet only
+// at the end rather than at every level; nodes are numbered as they come.
+void buildSubtree(BuildTask task, int depth, Subtrees& s) {
+  for (;; ++depth) {
+    BuildRecord& record = s.records[task.node];
+    if (depth == maxBuildDepth) {
+      makeLastLeaf(record, task, s.entries);
+      return;
+    }
+    BuildTask sides[2];
+    if (!splitRange(task, depth, s.entries, record, sides)) return;
+    makeInner(record, s.nodeCount.fetch_add(2), sides);
+    const BuildTask left = sides[0];
+    if (left.count >= 1024) {
+#pragma omp task default(none) firstprivate(left, depth) shared(s)
+      buildSubtree(left, depth + 1, s);
+    } else {
+      buildSubtree(left, depth + 1, s);
+    }
+    task = sides[1];
+  }
 }
 
 std::vector<BuildEntry> gatherEntries(const Object& object) {
@@ -343,35 +419,18 @@ void buildBinaryTree(Object& object) {
     records.clear();
     return;
   }
-  records.assign(1, BuildRecord{});
-  std::vector<BuildTask> tasks{{0, 0, uint32_t(entries.size()), summarize(entries.data(), uint32_t(entries.size()))}};
-  std::vector<BuildTask> output;
-  uint32_t nodeCount = 1;
-  std::atomic<uint32_t> outputCount;
-  for (int depth = 0; depth < maxBuildDepth && !tasks.empty(); ++depth) {
-    records.resize(nodeCount + 2 * tasks.size());
-    output.resize(2 * tasks.size());
-    outputCount = 0;
-    Level level{records, entries, output, outputCount, nodeCount, depth};
-    const int taskCount = int(tasks.size());
-    // Handed out in shrinking chunks: the tasks of a level differ widely in
-    // size, and a thread that the system holds back must not hold the others.
-#pragma omp parallel for schedule(guided) if (taskCount > 1)
-    for (int i = 0; i < taskCount; ++i) splitTask(tasks[i], level);
-    uint32_t made = outputCount;
-    nodeCount += made;
-    output.resize(made);
-    std::swap(tasks, output);
+  const BuildTask root{0, 0, uint32_t(entries.size()), summarize(entries.data(), uint32_t(entries.size()))};
+  if (omp_get_max_threads() == 1 || omp_in_parallel()) {
+    records.resize(buildByLevels(records, entries, root));
+  } else {
+    // Every leaf holds a primitive, so a tree has fewer than twice as many nodes.
+    records.assign(2 * entries.size(), BuildRecord{});
+    Subtrees subtrees{records, entries.data()};
+#pragma omp parallel
+#pragma omp single
+    buildSubtree(root, 0, subtrees);
+    records.resize(subtrees.nodeCount);
   }
-  // Ranges still open after the last level would read as inner nodes pointing
-  // at the root: each keeps the leading run of its first kind as a leaf.
-  for (const BuildTask& task : tasks) {
-    const BuildEntry* e = entries.data() + task.first;
-    uint32_t run = 1;
-    while (run < task.count && e[run].kind == e[0].kind) ++run;
-    makeLeaf(records[task.node], task.first, run, e[0].kind);
-  }
-  records.resize(nodeCount);
   reorderPrimitives(object, entries);
   printRow("accel built", float((clockNanoseconds() - start) / 1000000), "m seconds", 3);
 }
