@@ -228,13 +228,13 @@ void restructureTree(Object& object) {
     leaves[*node] = r.count != 0 ? 1 : leaves[r.link] + leaves[r.link + 1];
   }
   for (int d = maxBuildDepth - 1; d >= 0; --d) {
-    const std::vector<uint32_t>& list = depthLists[d];
+    std::vector<uint32_t>& list = depthLists[d];
+    std::erase_if(list, [&](uint32_t node) { return leaves[node] < treeletLeaves; });
     const int count = int(list.size());
     // Short lists are not worth waking the other threads for; chunks shrink
     // so that a thread held back by the system does not hold the others.
 #pragma omp parallel for schedule(guided) if (count >= 64)
-    for (int i = 0; i < count; ++i)
-      if (leaves[list[i]] >= treeletLeaves) optimizeTreelet(records, list[i]);
+    for (int i = 0; i < count; ++i) optimizeTreelet(records, list[i]);
   }
   clearDepthLists();
 }
