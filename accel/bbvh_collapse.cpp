@@ -20,6 +20,8 @@ BvhNode emptyNode() {
 struct Collapse {
   const std::vector<BuildRecord>& records;
   HugePageArray<BvhNode>& nodes;
+  // Per node the lanes used so far, its firstFreeLane, kept here to save the scans.
+  std::vector<uint8_t> used{0};
   // Nodes with at least two lanes left after their first use, in order of creation.
   int64_t ring[8] = {-1, -1, -1, -1, -1, -1, -1, -1};
   int writePosition = 0;
@@ -45,9 +47,9 @@ struct Collapse {
     unsigned best = 8;
     for (int64_t candidate : ring) {
       if (candidate < 0) continue;
-      int used = firstFreeLane(nodes[candidate]);
-      if (used == 0) continue;
-      unsigned spare = unsigned(8 - used - need);
+      const int taken = used[size_t(candidate)];
+      if (taken == 0) continue;
+      unsigned spare = unsigned(8 - taken - need);
       if (spare < best && spare != 1) {
         best = spare;
         target = candidate;
@@ -64,6 +66,7 @@ struct Collapse {
     if (target < 0) {
       target = int64_t(nodes.size());
       nodes.push_back(emptyNode());
+      used.push_back(0);
       if (need < 7) {
         ring[writePosition] = target;
         writePosition = (writePosition + 1) % 8;
@@ -76,11 +79,12 @@ struct Collapse {
   // free lanes of node `n`; returns the mask of the lanes it took.
   uint32_t collapse(uint32_t binary, uint32_t n) {
     uint32_t lanes[8];
-    int first = firstFreeLane(nodes[n]);
+    int first = used[n];
     lanes[first] = binary;
     int last = expand(lanes, first);
     // Claim the lanes before any child is placed, so that nothing else lands in them.
     for (int lane = first; lane <= last; ++lane) nodes[n].child[lane] = 0;
+    used[n] = uint8_t(last + 1);
     for (int lane = first; lane <= last; ++lane) {
       const BuildRecord& r = records[lanes[lane]];
       BvhNode& node = nodes[n];

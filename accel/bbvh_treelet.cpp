@@ -39,8 +39,7 @@ __m256 unionAreas(const SlotBoxes& s, int a, int first) {
   __m256 extent[3];
   for (int axis = 0; axis < 3; ++axis) {
     const __m256 low = _mm256_min_ps(_mm256_load_ps(s.bound[axis] + first), _mm256_set1_ps(s.bound[axis][a]));
-    const __m256 high =
-        _mm256_max_ps(_mm256_load_ps(s.bound[3 + axis] + first), _mm256_set1_ps(s.bound[3 + axis][a]));
+    const __m256 high = _mm256_max_ps(_mm256_load_ps(s.bound[3 + axis] + first), _mm256_set1_ps(s.bound[3 + axis][a]));
     extent[axis] = _mm256_max_ps(_mm256_setzero_ps(), _mm256_sub_ps(high, low));
   }
   const __m256 y = extent[1], z = extent[2];
@@ -51,6 +50,19 @@ __m256 unionAreas(const SlotBoxes& s, int a, int first) {
 // the live slots; every other entry is +infinity and is never chosen.
 struct PairTable {
   alignas(32) float area[treeletLeaves][treeletLeaves];
+
+  // Every pair from its row's side, as refreshing each slot from the last to
+  // the first would leave it.
+  void fill(const SlotBoxes& s) {
+    const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    const __m256 none = _mm256_set1_ps(infinity);
+    for (int i = 0; i < treeletLeaves; ++i)
+      for (int first = 0; first < treeletLeaves; first += 8) {
+        const __m256 after = _mm256_castsi256_ps(
+            _mm256_cmpgt_epi32(_mm256_add_epi32(lane, _mm256_set1_epi32(first)), _mm256_set1_epi32(i)));
+        _mm256_store_ps(area[i] + first, _mm256_blendv_ps(none, unionAreas(s, i, first), after));
+      }
+  }
 
   // Writes slot a's row and column from its union areas with every slot.
   void refresh(const SlotBoxes& s, int a, int liveCount) {
@@ -123,9 +135,7 @@ void optimizeTreelet(std::vector<BuildRecord>& records, uint32_t root) {
     live[i] = i;
   }
   PairTable table;
-  std::fill(&table.area[0][0], &table.area[0][0] + treeletLeaves * treeletLeaves, infinity);
-  // Backwards, so that each entry keeps the value its row wrote, with the row's slot first.
-  for (int i = treeletLeaves - 1; i >= 0; --i) table.refresh(boxes, i, treeletLeaves);
+  table.fill(boxes);
 
   float newCost = 0;
   int liveCount = treeletLeaves;
@@ -204,11 +214,22 @@ void restructureTree(Object& object) {
       printError("bbvh - depth out of range " + std::to_string(depth) + "/" + std::to_string(maxBuildDepth));
   });
   for (int d = 0; d < maxBuildDepth; ++d) depthLists[d].reserve(counts[d]);
+  std::vector<uint32_t> preorder;
+  preorder.reserve(records.size());
   walkTree(records, [&](uint32_t node, uint32_t depth) {
     if (depth < maxBuildDepth) depthLists[depth].push_back(node);
+    preorder.push_back(node);
   });
+  // A subtree of fewer than 16 leaves can form no treelet, and reclustering
+  // below a node keeps its leaves: counted once, children before parents.
+  std::vector<uint32_t> leaves(records.size());
+  for (auto node = preorder.rbegin(); node != preorder.rend(); ++node) {
+    const BuildRecord& r = records[*node];
+    leaves[*node] = r.count != 0 ? 1 : leaves[r.link] + leaves[r.link + 1];
+  }
   for (int d = maxBuildDepth - 1; d >= 0; --d) {
-    const std::vector<uint32_t>& list = depthLists[d];
+    std::vector<uint32_t>& list = depthLists[d];
+    std::erase_if(list, [&](uint32_t node) { return leaves[node] < treeletLeaves; });
     const int count = int(list.size());
     // Short lists are not worth waking the other threads for; chunks shrink
     // so that a thread held back by the system does not hold the others.

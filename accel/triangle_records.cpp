@@ -29,14 +29,12 @@ void recordFour(const Mesh& mesh, const uint32_t (&corners)[4][3], TriangleRecor
   const __m128 uz = sub(mul(e2x, ny), mul(e2y, nx));
   const __m128 vx = sub(mul(ny, e1z), mul(nz, e1y)), vy = sub(mul(nz, e1x), mul(nx, e1z));
   const __m128 vz = sub(mul(nx, e1y), mul(ny, e1x));
-  alignas(16) float rows[4][4][4];  // field row, component, lane
-  const __m128 fields[4][4] = {{p0x, p0y, p0z, scale}, {nx, ny, nz}, {ux, uy, uz}, {vx, vy, vz}};
-  for (int row = 0; row < 4; ++row)
-    for (int c = 0; c < 4; ++c) _mm_store_ps(rows[row][c], fields[row][c]);
-  for (int lane = 0; lane < count; ++lane) {
-    float* record = out[lane].p0;
-    for (int row = 0; row < 4; ++row)
-      for (int c = 0; c < 4; ++c) record[4 * row + c] = rows[row][c][lane];
+  // Each row of four components across the lanes, transposed into one row per triangle.
+  __m128 fields[4][4] = {{p0x, p0y, p0z, scale}, {nx, ny, nz}, {ux, uy, uz}, {vx, vy, vz}};
+  for (int row = 0; row < 4; ++row) {
+    __m128* f = fields[row];
+    _MM_TRANSPOSE4_PS(f[0], f[1], f[2], f[3]);
+    for (int lane = 0; lane < count; ++lane) _mm_storeu_ps(out[lane].p0 + 4 * row, f[lane]);
   }
 }
 }  // namespace
@@ -45,7 +43,10 @@ void recordTriangles(Object& object) {
   const Mesh& mesh = object.mesh;
   const size_t count = mesh.triangles.size(), vertices = mesh.worldPositions.size();
   object.triangleRecords.assign(count, TriangleRecord{});
-  for (size_t first = 0; first < count; first += 4) {
+  const int64_t groups = int64_t((count + 3) / 4);
+#pragma omp parallel for schedule(static) if (groups >= 4096)
+  for (int64_t group = 0; group < groups; ++group) {
+    const size_t first = size_t(group) * 4;
     const int n = int(std::min<size_t>(4, count - first));
     // Missing lanes and corners out of range read vertex 0; an out-of-range
     // triangle keeps a zero record, whose distance 0 / 0 no ray accepts.

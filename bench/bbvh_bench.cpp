@@ -2,7 +2,8 @@
 // thread and on all, beside Embree's build of the same triangles when present.
 //
 //   cmake -S . -B build -G Ninja -DQZ_BENCH=ON && ninja -C build bbvh_bench
-//   build/bench/bbvh_bench [repetitions]
+//   build/bench/bbvh_bench [repetitions] [largest thread count] [ours]
+//   valgrind --tool=callgrind build/bench/bbvh_bench 1 1 ours   ours only, for instruction counts
 #include <omp.h>
 
 #include <algorithm>
@@ -35,8 +36,18 @@ struct Timing {
 
 double milliseconds(int64_t from, int64_t to) { return double(to - from) * 1e-6; }
 
-// The whole build of one object; the "accel built" row goes nowhere.
-Timing buildOnce(Object& object) {
+// Processor time of the calling thread: on one thread the stage times do not
+// count the time that other jobs on the machine take from it.
+int64_t threadNanoseconds() {
+  timespec t;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec;
+}
+
+// The whole build of one object; the "accel built" row goes nowhere. Stage
+// times are wall time on several threads, the thread's processor time on one.
+Timing buildOnce(Object& object, int threads) {
+  auto clockNanoseconds = threads == 1 ? threadNanoseconds : ::clockNanoseconds;
   std::ostringstream sink;
   std::streambuf* saved = std::cout.rdbuf(sink.rdbuf());
   Timing t;
@@ -87,7 +98,7 @@ Timing bestBuild(const Mesh& mesh, int threads, int repetitions, Object& result)
   for (int r = 0; r < repetitions; ++r) {
     Object object;
     object.mesh = mesh;
-    Timing t = buildOnce(object);
+    Timing t = buildOnce(object, threads);
     if (r == 0 || t.total() < best.total()) best = t;
     if (r == repetitions - 1) result = std::move(object);
   }
@@ -116,7 +127,8 @@ double embreeBuild(const Mesh& mesh, const char* config, int repetitions) {
 
 int main(int argc, char** argv) {
   const int repetitions = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
-  const int all = omp_get_num_procs();
+  const int all = argc > 2 ? std::clamp(std::atoi(argv[2]), 1, omp_get_num_procs()) : omp_get_num_procs();
+  const bool oursOnly = argc > 3 && std::strcmp(argv[3], "ours") == 0;
   std::printf("best of %d builds; all = %d threads\n\n", repetitions, all);
   std::printf("%-10s %7s %8s %8s %9s %8s %8s %8s %9s %7s %9s %7s\n", "mesh", "threads", "total ms", "cpu ms",
               "stage1 ms", "refit ms", "treelet", "collapse", "nodes", "occ %", "sah cost", "Mtri/s");
@@ -135,8 +147,10 @@ int main(int argc, char** argv) {
       std::printf("%-10.10s %7d %8.2f %8.2f %9.2f %8.2f %8.2f %8.2f %9zu %7.3f %9.3f %7.2f\n", name, threads,
                   t.total(), t.processor, t.stage1, t.refit, t.restructure, t.collapse, built.bvhNodes.size(), simdOccupancy(built),
                   sahCost(built), double(mesh.triangles.size()) / t.total() * 1e-3);
+      if (threads == all) break;
     }
 #ifdef QZ_EMBREE_VERSION
+    if (oursOnly) continue;
     const double embreeOne = embreeBuild(mesh, "threads=1", repetitions);
     const double embreeAll = embreeBuild(mesh, nullptr, repetitions);
     std::printf("%-10.10s embree %d: 1 thread %.2f ms (ours / embree %.2f), all threads %.2f ms (ours / embree %.2f)\n",
