@@ -1,5 +1,6 @@
-// Stage 1 of the hierarchy: a binary tree by binned surface-area splits,
-// one parallel loop per level, and the refit that gives its nodes their boxes.
+// Stage 1 of the hierarchy: a binary tree by binned surface-area splits, level
+// by level on one thread and as tasks on several, and the refit that gives its
+// nodes their boxes.
 #include <immintrin.h>
 #include <omp.h>
 
