@@ -31,10 +31,12 @@ void recordFour(const Mesh& mesh, const uint32_t (&corners)[4][3], TriangleRecor
   const __m128 vz = sub(mul(nx, e1y), mul(ny, e1x));
   // Each row of four components across the lanes, transposed into one row per triangle.
   __m128 fields[4][4] = {{p0x, p0y, p0z, scale}, {nx, ny, nz}, {ux, uy, uz}, {vx, vy, vz}};
+  // A record is sixteen floats in a row; it is addressed as such, not through its first field.
+  float* rows = reinterpret_cast<float*>(out);
   for (int row = 0; row < 4; ++row) {
     __m128* f = fields[row];
     _MM_TRANSPOSE4_PS(f[0], f[1], f[2], f[3]);
-    for (int lane = 0; lane < count; ++lane) _mm_storeu_ps(out[lane].p0 + 4 * row, f[lane]);
+    for (int lane = 0; lane < count; ++lane) _mm_storeu_ps(rows + 16 * lane + 4 * row, f[lane]);
   }
 }
 }  // namespace
