@@ -213,7 +213,7 @@ int mergeTiles(const MergeOptions& options) {
     if (!mergeImage(tiles, image, out)) return refuse({(out / image).string() + " cannot be written"});
     written.push_back(image);
     if (isFloatImage(image)) {
-      const std::string png = writeDisplayPng((out / image).string(), 2.2f);
+      const std::string png = writeDisplayPng((out / image).string());
       if (!png.empty()) written.push_back(fs::path(png).filename().string());
     }
   }

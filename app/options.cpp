@@ -16,6 +16,13 @@ const char* const usageText =
     "                         which tile it holds, for quazel merge\n"
     "  --samples N            passes over the image, in place of the camera's sample\n"
     "  --resolution W H       image size in pixels, in place of the camera's resolution\n"
+    "  --exr FILE             writes all the camera's outputs into one multi-layer 32-bit\n"
+    "                         float EXR, one layer per output named by its type\n"
+    "  --checkpoint SECONDS   saves the state of the render at most that often, between\n"
+    "                         passes, so that a stopped render can go on\n"
+    "  --resume DIR           goes on with the stopped render whose images are in DIR\n"
+    "  --log FILE             sends the report to FILE; the terminal shows one status line\n"
+    "  --threads N            renders on N threads (1 to 256)\n"
     "  --preview              shows the image in a window as it grows; closing the window\n"
     "                         saves the beauty image and ends the program\n"
     "  --help                 shows this text\n"
@@ -24,11 +31,14 @@ const char* const usageText =
 
 namespace {
 // A whole decimal integer and nothing else.
-bool toInt(const std::string& text, int& value) {
+template <typename T>
+bool toNumber(const std::string& text, T& value) {
   const char* end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, value);
   return error == std::errc() && stop == end && !text.empty();
 }
+
+bool toInt(const std::string& text, int& value) { return toNumber(text, value); }
 
 // Walks the arguments, taking an option's values or naming what is wrong.
 struct Arguments {
@@ -99,6 +109,14 @@ void parseRenderOption(Arguments& args, const std::string& arg, CommandLine& lin
     if (!args.integers(arg, 2, v)) return;
     options.width = v[0], options.height = v[1];
     if (v[0] < 1 || v[1] < 1) args.error = "--resolution: the width and height must be at least 1";
+  } else if (arg == "--exr" || arg == "--resume" || arg == "--log") {
+    if (args.values(arg, 1, word)) (arg == "--exr" ? options.exr : arg == "--log" ? options.log : options.resume) = word[0];
+  } else if (arg == "--checkpoint") {
+    if (args.values(arg, 1, word) && (!toNumber(word[0], options.checkpoint_seconds) || !(options.checkpoint_seconds > 0)))
+      args.error = "--checkpoint: '" + word[0] + "' is not a number of seconds above 0";
+  } else if (arg == "--threads") {
+    if (args.integers(arg, 1, &options.threads) && (options.threads < 1 || options.threads > 256))
+      args.error = "--threads must be 1 to 256";
   } else if (arg.starts_with("-") || !options.scene.empty()) {
     args.error = "unexpected argument '" + arg + "'";
   } else {

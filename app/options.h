@@ -15,6 +15,11 @@ struct RenderOptions {
   int tile_index = 0, tile_count = 0;  // 0 of 0: not a tile
   int samples = 0;                     // 0: the camera's own
   int width = 0, height = 0;           // 0: the camera's own
+  std::string exr;                     // one multi-layer EXR of all the outputs; empty: none
+  float checkpoint_seconds = 0;        // 0: a checkpoint only when stopped
+  std::string resume;                  // a folder whose stopped render goes on
+  std::string log;                     // the report goes to this file; empty: standard output
+  int threads = 0;                     // 0: the runtime's choice
 };
 
 struct MergeOptions {

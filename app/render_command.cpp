@@ -1,6 +1,10 @@
 #include "app/render_command.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <csignal>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +15,7 @@
 #include <vector>
 
 #include "app/display_png.h"
+#include "app/resume.h"
 #include "qz.h"
 
 namespace fs = std::filesystem;
@@ -117,9 +122,42 @@ bool writeTileRecord(const TileRecord& tile) {
   fs::rename(partial, tileRecordName, error);
   return !error;
 }
+
+// A stop asked for by the user or the farm: the pass under way finishes, and the
+// render ends with a checkpoint and its images. A second signal ends the process.
+void stopOnSignal(int) { qzRequestStop(); }
+
+void catchStopSignals() {
+  struct sigaction action {};
+  action.sa_handler = stopOnSignal;
+  action.sa_flags = SA_RESETHAND;
+  sigemptyset(&action.sa_mask);
+  for (int signal : {SIGTERM, SIGINT, SIGUSR1}) sigaction(signal, &action, nullptr);
+}
+
+// With a log, the report goes to the file and the terminal keeps one status
+// line; farm managers reading standard error get a line a pass. False when
+// the log cannot be opened.
+bool routeReport(const std::string& log) {
+  if (!log.empty()) {
+    std::cout << std::flush;
+    const int file = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (file < 0) return false;
+    const int terminal = ::dup(STDOUT_FILENO);
+    ::dup2(file, STDOUT_FILENO);
+    ::close(file);
+    if (::isatty(terminal)) qzSetProgressOutput(terminal, 1);
+  }
+  if (!::isatty(STDERR_FILENO)) qzSetProgressOutput(STDERR_FILENO, 2);
+  return true;
+}
 }  // namespace
 
 int runRender(RenderOptions options) {
+  if (!options.resume.empty()) {
+    const std::string problem = readResumeSettings(options.resume, options);
+    if (!problem.empty()) return fail(problem);
+  }
   if (options.preview && !std::getenv("DISPLAY")) {
     std::cerr << "quazel: --preview needs a display, and DISPLAY is not set\n";
     return 1;
@@ -149,17 +187,27 @@ int runRender(RenderOptions options) {
   std::string directory = fs::absolute(options.scene, error).string();
   if (directory.back() != '/') directory += '/';
 
+  if (!routeReport(options.log)) return fail("--log " + options.log + ": the file cannot be written");
+  catchStopSignals();
+  qzSetRendererThreads(options.threads);
   qzSetPreviewWindow(options.preview);
   qzStartup();
   qzLoadScene(directory.c_str());
   TileRecord tile;
   const std::string problem = applyOptions(options, tile);
   if (!problem.empty()) return fail(problem);
+  if (!options.exr.empty()) qzSetCameraExr(0, options.exr.c_str());
+  qzSetRenderTile(tile.index, tile.count);
   // The library writes images by bare name, into the working directory.
   if (!options.output.empty()) fs::current_path(options.output, error);
+  qzSetCheckpoint(checkpointName, options.checkpoint_seconds);
+  if (options.checkpoint_seconds > 0 && !writeResumeSettings(options))
+    return fail(std::string(resumeSettingsName) + " cannot be written in " + fs::current_path(error).string());
+  if (!options.resume.empty()) qzResumeCheckpoint(checkpointName);
   const fs::file_time_type start = fs::file_time_type::clock::now() - std::chrono::milliseconds(100);
   qzInitialize();
   qzRender();
+  const bool stopped = qzRenderStopped();
   if (options.preview)
     std::cout << "         click to close the preview window. happy rendering. thank you!         \n"
               << std::string(80, '_') << "\n\n"
@@ -167,16 +215,36 @@ int runRender(RenderOptions options) {
   qzFinalize();
   qzShutdown();
 
+  const int unsaved = qzCountUnsavedImages();
+  if (stopped) {
+    writeResumeSettings(options);
+  } else {
+    removeResumeFiles();
+  }
   std::vector<std::string> written = newFiles(start);
+  std::erase_if(written, [](const std::string& name) {
+    return name.starts_with(checkpointName) || name.starts_with(resumeSettingsName);
+  });
   if (options.tile_count > 0) renameTimestampedBeauty(written);
   // Float images get a display copy a person can open anywhere.
   for (const std::string& name : std::vector<std::string>(written))
     if (isFloatImage(name)) {
-      const std::string png = writeDisplayPng(name, 2.2f);
+      const std::string png = writeDisplayPng(name);
       if (!png.empty() && std::find(written.begin(), written.end(), png) == written.end()) written.push_back(png);
     }
-  if (options.tile_count > 0 && !writeTileRecord(tile)) return fail("the tile record cannot be written");
   std::cout << "quazel: images are in " << fs::current_path(error).string() << "/" << std::endl;
   for (const std::string& name : written) std::cout << "  " << name << std::endl;
+  if (stopped) {
+    // Not a finished tile: no record, and the farm runs it again.
+    std::cout << std::flush;
+    std::cerr << "\nquazel: stopped; go on with: quazel --resume " << fs::current_path(error).string() << std::endl;
+    return stoppedStatus;
+  }
+  if (unsaved > 0) {
+    std::cerr << "quazel: " << unsaved << (unsaved == 1 ? " image was" : " images were") << " not written (see the error lines)"
+              << std::endl;
+    return unsavedStatus;
+  }
+  if (options.tile_count > 0 && !writeTileRecord(tile)) return fail("the tile record cannot be written");
   return 0;
 }

@@ -172,3 +172,27 @@ QZ_API void qzSetSkyLightLink(int shader_id);
 QZ_API int qzAddSkyLightAOV();
 QZ_API void qzSetSkyLightAOVName(int aov, const char* name);
 QZ_API void qzSetSkyLightAOVChannel(int aov, int channel);
+
+/* Long renders: what a host needs to keep a render of hours safe */
+/* Images that were to be written and were not; each had an error line */
+QZ_API int qzCountUnsavedImages();
+/* One multi-layer float EXR of all the camera's AOVs, written with them; empty: none */
+QZ_API void qzSetCameraExr(int camera, const char* name);
+/* Recorded in the EXR header: tile index of count (1-based), 0 of 0 for a whole frame */
+QZ_API void qzSetRenderTile(int index, int count);
+/* Threads of the parallel loops, 1 to 256; 0 leaves the runtime's choice */
+QZ_API void qzSetRendererThreads(int threads);
+/* Between passes, at most every `seconds`, the running sums of every AOV and the
+   pass count go to `path` (written whole, then renamed); 0 seconds: only on a stop */
+QZ_API void qzSetCheckpoint(const char* path, float seconds);
+/* The next qzRender goes on from the checkpoint at `path` */
+QZ_API void qzResumeCheckpoint(const char* path);
+/* Safe in a signal handler: the pass under way finishes, a checkpoint and the
+   images are written, and qzRender returns */
+QZ_API void qzRequestStop();
+/* Whether the last qzRender was stopped before its last pass */
+QZ_API bool qzRenderStopped();
+/* A status line after each pass on the file descriptor `fd`. Form 1: one line
+   rewritten in place, for a terminal; form 2: one whole line a pass, for farm
+   managers. Each form has its own descriptor; fd -1 turns that form off */
+QZ_API void qzSetProgressOutput(int fd, int form);

@@ -117,7 +117,7 @@ void prepareGeometryLight() {
 }
 
 void finalizeGeometryLight() {
-  for (const CameraAOV& aov : geometryLight.aovs) saveImage(aov.image);
+  for (const CameraAOV& aov : geometryLight.aovs) saveAOV(aov);
   geometryLight.aovs = {};
   freePoints();
 }

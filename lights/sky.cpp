@@ -100,7 +100,7 @@ void prepareSky() {
 }
 
 void finalizeSky() {
-  for (const CameraAOV& aov : sky.aovs) saveImage(aov.image);
+  for (const CameraAOV& aov : sky.aovs) saveAOV(aov);
   sky.aovs = {};
   sky.rows = {};
   sky.row_cdf = {};

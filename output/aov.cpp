@@ -1,6 +1,7 @@
 // AOVs: the aov block, preparation of the framebuffers, first-hit writes and the closing rows.
 #include "output/aov.h"
 
+#include <cstdio>
 #include <ctime>
 #include <exception>
 
@@ -195,6 +196,34 @@ void writeCameraAOVs(const Ray& ray, const HitTerms& terms) {
     for (uint32_t bit : termOrder)
       if (aov.channel & bit) addToPixel(aov.image, i, term(bit, ray, terms) * f);
   }
+}
+
+void saveAOV(const CameraAOV& aov) {
+  if (!aov.image.name.empty() && aov.width > 0 && aov.image.floats.empty()) {
+    printError("image - " + aov.image.name + "\tcannot be written: its framebuffer could not be allocated");
+    ++unsavedImages;
+    return;
+  }
+  saveImage(aov.image);
+}
+
+std::string aovLayerName(const CameraAOV& aov) {
+  if (aov.channel == beautyChannel) return "beauty";
+  if (aov.channel == userDataChannel) return aov.user_data_name;
+  std::string name;
+  uint32_t left = aov.channel;
+  for (const TypeWord& entry : typeWords)
+    if ((left & entry.bits) == entry.bits) {
+      name += (name.empty() ? "" : "+") + std::string(entry.word);
+      left &= ~entry.bits;
+    }
+  // Bits with no word (the surface colours, set through the exports) by number.
+  if (left) {
+    char bits[16];
+    std::snprintf(bits, sizeof bits, "0x%x", left);
+    name += (name.empty() ? "" : "+") + std::string(bits);
+  }
+  return name;
 }
 
 void reportAOV(const CameraAOV& aov) {

@@ -42,5 +42,11 @@ void prepareAOV(CameraAOV& aov, int width, int height);
 int64_t aovBytes(const CameraAOV& aov);
 // Adds a first hit's terms to every AOV of the current camera at the ray's pixel.
 void writeCameraAOVs(const Ray& ray, const HitTerms& terms);
+// Writes the AOV's image; a framebuffer that could not be allocated is a file
+// that cannot be written, and says so.
+void saveAOV(const CameraAOV& aov);
+// The layer name of an AOV in a multi-layer file: its type words, joined by
+// '+', "beauty" for the beauty, or the name of its vertex data.
+std::string aovLayerName(const CameraAOV& aov);
 // The "avgerage" and "variance" rows of the finished image.
 void reportAOV(const CameraAOV& aov);

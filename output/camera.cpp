@@ -68,6 +68,8 @@ void readCameraBlock(std::istream& file, Camera& camera) {
     } else if (line.key == "pose" && camera.pose_count < 2) {
       // A third pose is not a sub-block: its lines fall to this block and its end closes it.
       readPoseBlock(file, camera.poses[camera.pose_count++]);
+    } else if (line.key == "exr") {
+      camera.exr = readQuotedString(line);
     } else if (line.key == "aov") {
       camera.aovs.emplace_back();
       readAOVBlock(file, camera.aovs.back());
@@ -171,7 +173,7 @@ void qzFinalizeCameras() {
   // the files it already wrote, the others with their empty images.
   for (Camera& camera : cameras)
     for (CameraAOV& aov : camera.aovs) {
-      saveImage(aov.image);
+      saveAOV(aov);
       freeImage(aov.image);
     }
   cameras.clear();

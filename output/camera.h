@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <istream>
+#include <string>
 #include <vector>
 
 #include "accel/ray.h"
@@ -41,6 +42,7 @@ struct Camera {
   int sample = 17;
   Region region;
   float ior = 1;
+  std::string exr;  // one multi-layer file of all the AOVs; empty: none
 };
 
 extern std::vector<Camera> cameras;

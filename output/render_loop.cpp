@@ -15,7 +15,10 @@
 #include "lights/geometry_light.h"
 #include "lights/sky.h"
 #include "output/camera.h"
+#include "output/camera_exr.h"
+#include "output/checkpoint.h"
 #include "output/preview.h"
+#include "output/progress.h"
 #include "qz.h"
 #include "transport/path.h"
 
@@ -61,9 +64,11 @@ void closeRender(int64_t start) {
   for (const CameraAOV& aov : camera.aovs) reportAOV(aov);
   printRule();
   // Whole milliseconds: the row shows what was done, never a rounded-up figure.
-  printRow("rendering time", float((clockNanoseconds() - start) / 1000000) * 0.001f, "seconds", 3);
+  const float seconds = float((clockNanoseconds() - start) / 1000000) * 0.001f;
+  printRow("rendering time", seconds, "seconds", 3);
   printRule();
-  for (const CameraAOV& aov : camera.aovs) saveImage(aov.image);
+  for (const CameraAOV& aov : camera.aovs) saveAOV(aov);
+  writeCameraExr(camera, seconds);
   // The lights' own outputs are written as they are finalised; the point and
   // parallel lights are not wanted after the last pass.
   finalizeSky();
@@ -103,12 +108,14 @@ void progressiveStep() {
     renderer.elapsed = 0;
     renderPass();
     // An empty region can take no measurable time; its rate shows as 0.
-    printProgress(int((double(p + 1) * 100.0) / camera.sample),
-                  float(totalRays()) / float(std::max<int64_t>(renderer.elapsed, 1)));
+    const float rate = float(totalRays()) / float(std::max<int64_t>(renderer.elapsed, 1));
+    printProgress(int((double(p + 1) * 100.0) / camera.sample), rate);
+    reportPassStatus(passStatus(p + 1, camera.sample, double(rate) * 1e6, clockNanoseconds()));
     // Moving geometry takes the pose of the pass just finished, one pass behind the camera.
     updateMovingObjects();
     ++renderer.pass;
-    if (renderer.pass == camera.sample) closeRender(start);
+    // A stop asked for by a signal ends the render here, its images as far as they got.
+    if (renderer.pass == camera.sample || checkpointBetweenPasses()) closeRender(start);
   }
   if (renderer.preview) {
     displayPreview();
@@ -120,11 +127,13 @@ void qzRender() {
   // A scene without a camera has nothing to render.
   if (!haveCamera()) return;
   renderer.pass = 0;
+  resumeFromCheckpoint();
+  startProgress(renderer.pass, clockNanoseconds());
   if (renderer.preview) {
     runPreviewWindow();
     return;
   }
-  for (int i = 0; i < cameras[renderer.camera].sample; ++i) progressiveStep();
+  while (renderer.pass < cameras[renderer.camera].sample && !renderWasStopped()) progressiveStep();
 }
 
 void qzRenderPixels(int count, float* pixels, int pass) {

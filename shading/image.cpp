@@ -11,11 +11,13 @@
 #include "frame/memory_budget.h"
 #include "frame/report.h"
 #include "frame/sampling.h"
+#include "output/exr_file.h"
 #include "qz.h"
 #include "shading/image_decode.h"
 
 std::vector<Image> images;
 std::vector<std::string> imageSearchPaths;
+int unsavedImages = 0;
 
 namespace {
 bool contains(const std::string& name, const char* a, const char* b) {
@@ -200,25 +202,38 @@ const SaveFormat saveFormats[] = {
     {{".xpm", ".XPM"}, FIF_XPM},
 };
 
+// One pixel's floats as files want them: one channel goes to all three, a
+// fourth is copied only from a four-channel image.
+void floatPixel(const Image& image, int64_t p, int count, float* pixel) {
+  if (image.sharedExponent) {
+    const Color3f c = readPixel(image, p);
+    pixel[0] = c.r, pixel[1] = c.g, pixel[2] = c.b;
+    return;
+  }
+  for (int c = 0; c < count; ++c) pixel[c] = channelValue(image, p * image.channels + (image.channels == 1 ? 0 : c));
+}
+
 FIBITMAP* floatBitmap(const Image& image) {
   const int out = image.channels == 4 ? 4 : 3;
   FIBITMAP* bitmap = FreeImage_AllocateT(out == 4 ? FIT_RGBAF : FIT_RGBF, image.width, image.height);
   if (!bitmap) return nullptr;
   for (int y = 0; y < image.height; ++y) {
     float* line = reinterpret_cast<float*>(FreeImage_GetScanLine(bitmap, y));
-    for (int x = 0; x < image.width; ++x) {
-      const int64_t p = int64_t(y) * image.width + x;
-      float* pixel = line + x * out;
-      if (image.sharedExponent) {
-        Color3f c = readPixel(image, p);
-        pixel[0] = c.r, pixel[1] = c.g, pixel[2] = c.b;
-      } else {
-        for (int c = 0; c < out; ++c)
-          pixel[c] = channelValue(image, p * image.channels + (image.channels == 1 ? 0 : c));
-      }
-    }
+    for (int x = 0; x < image.width; ++x) floatPixel(image, int64_t(y) * image.width + x, out, line + x * out);
   }
   return bitmap;
+}
+
+// EXR goes out as 32-bit floats, top row first; a sum over many passes keeps its low bits.
+bool saveExr(const Image& image) {
+  ExrImage file;
+  file.width = file.x1 = image.width, file.height = file.y1 = image.height;
+  std::vector<float>& rgb = file.layers.emplace_back().rgb;
+  rgb.resize(size_t(pixelCount(image)) * 3);
+  for (int64_t p = 0; p < pixelCount(image); ++p) floatPixel(image, p, 3, &rgb[size_t(p) * 3]);
+  const std::string problem = writeExr(image.name, file);
+  if (!problem.empty()) printError("image - " + image.name + "\tcannot be written: " + problem);
+  return problem.empty();
 }
 
 uint8_t byteValue(const Image& image, int64_t i) {
@@ -376,11 +391,20 @@ bool saveImage(const Image& image) {
   if (image.width > 0 && image.height > 0) bitmap = floatOutput ? floatBitmap(image) : byteBitmap(image);
   if (!bitmap) return true;
   if (!contains(name, ".pfm", ".PFM")) FreeImage_FlipVertical(bitmap);
+  bool saved = true;
   for (const SaveFormat& entry : saveFormats)
-    for (const char* extension : entry.extensions)
-      if (extension && name.find(extension) != std::string::npos) FreeImage_Save(entry.format, bitmap, name.c_str(), 0);
+    for (const char* extension : entry.extensions) {
+      if (!extension || name.find(extension) == std::string::npos) continue;
+      if (entry.format == FIF_EXR) {
+        saved = saveExr(image) && saved;
+      } else if (!FreeImage_Save(entry.format, bitmap, name.c_str(), 0)) {
+        printError("image - " + name + "\tcannot be written");
+        saved = false;
+      }
+    }
   FreeImage_Unload(bitmap);
-  return true;
+  if (!saved) ++unsavedImages;
+  return saved;
 }
 
 void freeImage(Image& image) {
@@ -503,6 +527,8 @@ void qzCreateImage(int image, int width, int height) {
 bool qzLoadImage(int image) { return validImage(image) && loadImage(images[image]); }
 
 bool qzSaveImage(int image) { return validImage(image) && saveImage(images[image]); }
+
+int qzCountUnsavedImages() { return unsavedImages; }
 
 void qzSetImageColor(int image, int x, int y, float r, float g, float b) {
   if (!validImage(image) || x < 0 || x >= images[image].width) return;

@@ -27,6 +27,8 @@ struct Image {
 
 extern std::vector<Image> images;
 extern std::vector<std::string> imageSearchPaths;
+// Images that were to be written and were not, each reported with an error line.
+extern int unsavedImages;
 
 void startImages();
 void stopImages();
@@ -40,6 +42,7 @@ bool loadImage(Image& image);
 // The decoder's side of a load, unguarded: true when the file could be read,
 // with `loaded` set when its pixel type converts. loadImage runs it in a child.
 bool decodeImageFile(Image& image, const std::string& path);
+// Writes by the extensions the name contains; false, with an error line, when a write fails.
 bool saveImage(const Image& image);
 void freeImage(Image& image);
 // Loads every named record in array order; failures are reported and skipped.

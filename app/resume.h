@@ -1,0 +1,20 @@
+// What a stopped render leaves beside its images so that `quazel --resume DIR`
+// can go on: the library's checkpoint and the options the render was given.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "app/options.h"
+
+extern const char* const checkpointName;
+extern const char* const resumeSettingsName;
+
+// The options that decide what a render makes, as arguments, with the scene as an absolute path.
+std::vector<std::string> settingArguments(const RenderOptions& options);
+// Written whole into the working directory, then renamed.
+bool writeResumeSettings(const RenderOptions& options);
+// The options of the render stopped in `folder`, or an error message.
+std::string readResumeSettings(const std::string& folder, RenderOptions& options);
+// Removes what a finished render no longer needs.
+void removeResumeFiles();

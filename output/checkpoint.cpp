@@ -1,0 +1,131 @@
+#include "output/checkpoint.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+#include "frame/renderer.h"
+#include "frame/report.h"
+#include "lights/geometry_light.h"
+#include "lights/sky.h"
+#include "output/camera.h"
+#include "qz.h"
+
+namespace {
+const char magic[] = "quazel checkpoint 1\n";
+
+std::string checkpointPath, resumePath;
+int64_t intervalNanoseconds = 0, lastWrite = 0;
+std::atomic<bool> stopRequested{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "the stop flag is set from a signal handler");
+bool stopped = false;
+
+// The framebuffers that sum up over the passes, in a fixed order: the
+// camera's, then the sky's and the geometry light's.
+std::vector<Image*> runningSums() {
+  std::vector<Image*> list;
+  for (auto* aovs : {&cameras[size_t(renderer.camera)].aovs, &sky.aovs, &geometryLight.aovs})
+    for (CameraAOV& aov : *aovs) list.push_back(&aov.image);
+  return list;
+}
+
+// What a checkpoint must agree with: the pass count, the frame and the region.
+std::vector<int32_t> shape(int pass) {
+  const Camera& camera = cameras[size_t(renderer.camera)];
+  const Region& r = camera.region;
+  return {pass, camera.sample, camera.width, camera.height, r.min_x, r.min_y, r.max_x, r.max_y,
+          int32_t(runningSums().size())};
+}
+
+template <typename T>
+bool readValues(std::istream& in, T* values, size_t count) {
+  return bool(in.read(reinterpret_cast<char*>(values), std::streamsize(count * sizeof(T))));
+}
+}  // namespace
+
+std::string writeCheckpoint(const std::string& path) {
+  const std::string partial = path + ".partial";
+  {
+    std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+    out.write(magic, sizeof magic - 1);
+    const std::vector<int32_t> header = shape(renderer.pass);
+    out.write(reinterpret_cast<const char*>(header.data()), std::streamsize(header.size() * sizeof(int32_t)));
+    for (const Image* image : runningSums()) {
+      const uint64_t count = image->floats.size();
+      out.write(reinterpret_cast<const char*>(&count), sizeof count);
+      out.write(reinterpret_cast<const char*>(image->floats.data()), std::streamsize(count * sizeof(float)));
+    }
+    out.write(magic, sizeof magic - 1);
+    out.close();
+    if (!out) return "it cannot be written";
+  }
+  std::error_code error;
+  std::filesystem::rename(partial, path, error);
+  return error ? "it cannot be renamed from " + partial : "";
+}
+
+std::string readCheckpoint(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  char head[sizeof magic - 1];
+  if (!readValues(in, head, sizeof head) || std::string(head, sizeof head) != magic)
+    return "it is not a checkpoint";
+  std::vector<int32_t> header(shape(0).size());
+  if (!readValues(in, header.data(), header.size())) return "it is cut short";
+  std::vector<int32_t> expected = shape(header[0]);
+  if (header != expected || header[0] < 0 || header[0] >= expected[1])
+    return "it belongs to a render of another size, region, sample or set of outputs";
+  // All or nothing: the sums are read aside and put in place once all are whole.
+  std::vector<std::vector<float>> sums;
+  for (const Image* image : runningSums()) {
+    uint64_t count = 0;
+    if (!readValues(in, &count, 1) || count != image->floats.size()) return "its framebuffers do not fit";
+    std::vector<float>& values = sums.emplace_back(count);
+    if (!readValues(in, values.data(), count)) return "it is cut short";
+  }
+  if (!readValues(in, head, sizeof head) || std::string(head, sizeof head) != magic) return "it is cut short";
+  std::vector<Image*> images = runningSums();
+  for (size_t i = 0; i < images.size(); ++i) images[i]->floats.swap(sums[i]);
+  renderer.pass = uint16_t(header[0]);
+  return "";
+}
+
+void resumeFromCheckpoint() {
+  stopped = false;
+  lastWrite = clockNanoseconds();
+  if (resumePath.empty()) return;
+  const std::string problem = readCheckpoint(resumePath);
+  if (!problem.empty()) {
+    printError("checkpoint - " + resumePath + "\tcannot be resumed: " + problem + "; the render starts afresh");
+    renderer.pass = 0;
+  }
+  resumePath.clear();
+}
+
+bool checkpointBetweenPasses() {
+  const bool stop = stopRequested.exchange(false);
+  const int64_t now = clockNanoseconds();
+  const bool due = intervalNanoseconds > 0 && now - lastWrite >= intervalNanoseconds;
+  if ((stop || due) && !checkpointPath.empty()) {
+    const std::string problem = writeCheckpoint(checkpointPath);
+    if (!problem.empty()) printError("checkpoint - " + checkpointPath + "\t" + problem);
+    lastWrite = clockNanoseconds();
+  }
+  stopped = stop;
+  return stop;
+}
+
+bool renderWasStopped() { return stopped; }
+
+void qzSetCheckpoint(const char* path, float seconds) {
+  checkpointPath = path ? path : "";
+  intervalNanoseconds = seconds > 0 ? int64_t(double(seconds) * 1e9) : 0;
+}
+
+void qzResumeCheckpoint(const char* path) { resumePath = path ? path : ""; }
+
+void qzRequestStop() { stopRequested.store(true); }
+
+bool qzRenderStopped() { return stopped; }
