@@ -36,7 +36,7 @@ bool writeResumeSettings(const RenderOptions& options) {
   return !error;
 }
 
-std::string readResumeSettings(const std::string& folder, RenderOptions& options) {
+std::string readResumeSettings(std::string folder, RenderOptions& options) {
   std::ifstream in(fs::path(folder) / resumeSettingsName);
   if (!in) return "--resume " + folder + ": there is no stopped render in that folder";
   std::vector<std::string> args;

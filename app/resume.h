@@ -15,6 +15,6 @@ std::vector<std::string> settingArguments(const RenderOptions& options);
 // Written whole into the working directory, then renamed.
 bool writeResumeSettings(const RenderOptions& options);
 // The options of the render stopped in `folder`, or an error message.
-std::string readResumeSettings(const std::string& folder, RenderOptions& options);
+std::string readResumeSettings(std::string folder, RenderOptions& options);
 // Removes what a finished render no longer needs.
 void removeResumeFiles();

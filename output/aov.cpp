@@ -1,6 +1,7 @@
 // AOVs: the aov block, preparation of the framebuffers, first-hit writes and the closing rows.
 #include "output/aov.h"
 
+#include <cctype>
 #include <cstdio>
 #include <ctime>
 #include <exception>
@@ -133,6 +134,14 @@ CameraAOV makeBeautyAOV() {
   std::strftime(name, sizeof name, "beauty-%Y%m%d-%H%M%S.hdr", &local);
   aov.image.name = name;
   return aov;
+}
+
+bool isDefaultBeautyName(const std::string& name) {
+  const std::string form = "beauty-########-######.hdr";
+  if (name.size() != form.size()) return false;
+  for (size_t i = 0; i < form.size(); ++i)
+    if (form[i] == '#' ? !std::isdigit(static_cast<unsigned char>(name[i])) : name[i] != form[i]) return false;
+  return true;
 }
 
 uint32_t aovTypeBits(const std::string& word) {

@@ -34,6 +34,8 @@ struct HitTerms {
 
 // The beauty AOV of a new camera, named by the local time of its creation.
 CameraAOV makeBeautyAOV();
+// Whether a name is of the form the beauty AOV is given by default.
+bool isDefaultBeautyName(const std::string& name);
 // The mask bits of a `type` word, or 0 for a word that is not a keyword.
 uint32_t aovTypeBits(const std::string& word);
 void readAOVBlock(std::istream& file, CameraAOV& aov);

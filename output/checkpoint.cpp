@@ -53,6 +53,11 @@ std::string writeCheckpoint(const std::string& path) {
     out.write(magic, sizeof magic - 1);
     const std::vector<int32_t> header = shape(renderer.pass);
     out.write(reinterpret_cast<const char*>(header.data()), std::streamsize(header.size() * sizeof(int32_t)));
+    // The default beauty name holds the time of the run; the resumed run keeps the first one.
+    const std::string& beauty = cameras[size_t(renderer.camera)].aovs[0].image.name;
+    const uint64_t length = beauty.size();
+    out.write(reinterpret_cast<const char*>(&length), sizeof length);
+    out.write(beauty.data(), std::streamsize(length));
     for (const Image* image : runningSums()) {
       const uint64_t count = image->floats.size();
       out.write(reinterpret_cast<const char*>(&count), sizeof count);
@@ -77,6 +82,10 @@ std::string readCheckpoint(const std::string& path) {
   std::vector<int32_t> expected = shape(header[0]);
   if (header != expected || header[0] < 0 || header[0] >= expected[1])
     return "it belongs to a render of another size, region, sample or set of outputs";
+  uint64_t length = 0;
+  if (!readValues(in, &length, 1) || length > 4096) return "it is cut short";
+  std::string beauty(length, ' ');
+  if (!readValues(in, beauty.data(), length)) return "it is cut short";
   // All or nothing: the sums are read aside and put in place once all are whole.
   std::vector<std::vector<float>> sums;
   for (const Image* image : runningSums()) {
@@ -88,6 +97,8 @@ std::string readCheckpoint(const std::string& path) {
   if (!readValues(in, head, sizeof head) || std::string(head, sizeof head) != magic) return "it is cut short";
   std::vector<Image*> images = runningSums();
   for (size_t i = 0; i < images.size(); ++i) images[i]->floats.swap(sums[i]);
+  std::string& name = cameras[size_t(renderer.camera)].aovs[0].image.name;
+  if (isDefaultBeautyName(name) && isDefaultBeautyName(beauty)) name = beauty;
   renderer.pass = uint16_t(header[0]);
   return "";
 }
