@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "app/display_png.h"
+#include "app/merge_exr.h"
 #include "app/tiling.h"
 
 namespace fs = std::filesystem;
@@ -135,6 +136,12 @@ void checkImages(const std::vector<Tile>& tiles, std::vector<std::string>& probl
     unsigned bits = 0;
     for (const Tile& tile : tiles) {
       const std::string path = (fs::path(tile.folder) / image).string();
+      if (image.ends_with(".exr")) {
+        const std::string first = (fs::path(tiles[0].folder) / image).string();
+        const std::string problem = checkExrTile(path, first, tile.record.width, tile.record.height);
+        if (!problem.empty()) problems.push_back(problem);
+        continue;
+      }
       FIBITMAP* header = loadTileImage(tile, image, FIF_LOAD_NOPIXELS);
       if (!header) {
         problems.push_back(path + " cannot be read");
@@ -160,6 +167,14 @@ int scanLine(const std::string& file, int y, int height) { return file.ends_with
 // One image of the frame: tile 1's file with the other tiles' pixels laid in.
 // Two images are held at a time, however many tiles there are.
 bool mergeImage(const std::vector<Tile>& tiles, const std::string& image, const fs::path& out) {
+  // EXR keeps its 32-bit floats and its layers only through its own reader.
+  if (image.ends_with(".exr")) {
+    std::vector<ExrTile> parts;
+    for (const Tile& tile : tiles) parts.push_back({(fs::path(tile.folder) / image).string(), tile.record.pixels});
+    const std::string problem = mergeExrTiles(parts, (out / image).string());
+    if (!problem.empty()) std::cerr << "quazel: merge: " << problem << "\n";
+    return problem.empty();
+  }
   FIBITMAP* frame = loadTileImage(tiles[0], image, 0);
   bool whole = frame;
   const size_t bytes = frame ? FreeImage_GetBPP(frame) / 8 : 0;

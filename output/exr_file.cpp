@@ -85,13 +85,15 @@ std::string writeExr(const std::string& path, const ExrImage& image) {
   return "";
 }
 
-std::string readExr(const std::string& path, ExrImage& image) {
+std::string readExr(const std::string& path, ExrImage& image, bool pixels) {
   image = ExrImage{};
   try {
     Imf::InputFile file(path.c_str());
     const Imf::Header& header = file.header();
     const Imath::Box2i display = header.displayWindow(), data = header.dataWindow();
-    if (display.min.x != 0 || display.min.y != 0) return "its display window does not start at 0, 0";
+    if (display.min.x != 0 || display.min.y != 0 || display.max.x < 0 || display.max.y < 0)
+      return "its display window does not start at 0, 0";
+    if (data.max.x < data.min.x || data.max.y < data.min.y) return "its data window is empty";
     if (data.min.x < 0 || data.min.y < 0 || data.max.x > display.max.x || data.max.y > display.max.y)
       return "its data window lies outside its display window";
     // A damaged header may claim any size; a frame is held whole, so keep it sane.
@@ -99,7 +101,7 @@ std::string readExr(const std::string& path, ExrImage& image) {
     image.width = display.max.x + 1, image.height = display.max.y + 1;
     image.x0 = data.min.x, image.y0 = data.min.y, image.x1 = data.max.x + 1, image.y1 = data.max.y + 1;
     getInfo(header, image.info);
-    const size_t frame = size_t(image.width) * size_t(image.height) * 3;
+    const size_t frame = pixels ? size_t(image.width) * size_t(image.height) * 3 : 0;
     std::map<std::string, size_t> byName;
     Imf::FrameBuffer buffer;
     for (auto it = header.channels().begin(); it != header.channels().end(); ++it) {
@@ -110,10 +112,12 @@ std::string readExr(const std::string& path, ExrImage& image) {
         byName[layer] = image.layers.size();
         image.layers.push_back({layer, std::vector<float>(frame, 0.0f)});
       }
+      if (!pixels) continue;
       std::vector<float>& rgb = image.layers[byName[layer]].rgb;
       buffer.insert(it.name(), Imf::Slice(Imf::FLOAT, reinterpret_cast<char*>(rgb.data() + c), 3 * sizeof(float),
                                           size_t(image.width) * 3 * sizeof(float)));
     }
+    if (!pixels) return "";
     file.setFrameBuffer(buffer);
     file.readPixels(data.min.y, data.max.y);
   } catch (const std::exception& e) {

@@ -31,5 +31,6 @@ struct ExrImage {
 // "B" for an unnamed layer). Returns what went wrong, or an empty string.
 std::string writeExr(const std::string& path, const ExrImage& image);
 // Reads any EXR of RGB layers as floats; pixels outside the data window are 0.
-// Returns what went wrong, or an empty string; a damaged file is an error, never a crash.
-std::string readExr(const std::string& path, ExrImage& image);
+// Without `pixels`, the layers are named and left empty. Returns what went
+// wrong, or an empty string; a damaged file is an error, never a crash.
+std::string readExr(const std::string& path, ExrImage& image, bool pixels = true);
