@@ -184,7 +184,8 @@ int runRender(RenderOptions options) {
   }
   // The library appends "image" and "geometry" to the path as it stands, and
   // the render may run in another folder.
-  std::string directory = fs::absolute(options.scene, error).string();
+  options.scene = fs::absolute(options.scene, error).string();
+  std::string directory = options.scene;
   if (directory.back() != '/') directory += '/';
 
   if (!routeReport(options.log)) return fail("--log " + options.log + ": the file cannot be written");

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 #include <exception>
+#include <string_view>
 
 #include "frame/renderer.h"
 #include "frame/report.h"
@@ -210,7 +211,7 @@ void writeCameraAOVs(const Ray& ray, const HitTerms& terms) {
 void saveAOV(const CameraAOV& aov) {
   if (!aov.image.name.empty() && aov.width > 0 && aov.image.floats.empty()) {
     printError("image - " + aov.image.name + "\tcannot be written: its framebuffer could not be allocated");
-    ++unsavedImages;
+    unsavedImages.insert(aov.image.name);
     return;
   }
   saveImage(aov.image);
@@ -222,7 +223,8 @@ std::string aovLayerName(const CameraAOV& aov) {
   std::string name;
   uint32_t left = aov.channel;
   for (const TypeWord& entry : typeWords)
-    if ((left & entry.bits) == entry.bits) {
+    // "diffuse" says what "lambertian" says, in the word compositors know.
+    if ((left & entry.bits) == entry.bits && std::string_view(entry.word) != "lambertian") {
       name += (name.empty() ? "" : "+") + std::string(entry.word);
       left &= ~entry.bits;
     }

@@ -53,7 +53,7 @@ void writeCameraExr(const Camera& camera, float renderSeconds) {
   if (problem.empty()) problem = writeExr(camera.exr, file);
   if (problem.empty()) return;
   printError("image - " + camera.exr + "\tcannot be written: " + problem);
-  ++unsavedImages;
+  unsavedImages.insert(camera.exr);
 }
 
 void qzSetCameraExr(int camera, const char* name) {

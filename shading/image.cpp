@@ -17,7 +17,7 @@
 
 std::vector<Image> images;
 std::vector<std::string> imageSearchPaths;
-int unsavedImages = 0;
+std::set<std::string> unsavedImages;
 
 namespace {
 bool contains(const std::string& name, const char* a, const char* b) {
@@ -403,7 +403,7 @@ bool saveImage(const Image& image) {
       }
     }
   FreeImage_Unload(bitmap);
-  if (!saved) ++unsavedImages;
+  if (!saved) unsavedImages.insert(name);
   return saved;
 }
 
@@ -528,7 +528,7 @@ bool qzLoadImage(int image) { return validImage(image) && loadImage(images[image
 
 bool qzSaveImage(int image) { return validImage(image) && saveImage(images[image]); }
 
-int qzCountUnsavedImages() { return unsavedImages; }
+int qzCountUnsavedImages() { return int(unsavedImages.size()); }
 
 void qzSetImageColor(int image, int x, int y, float r, float g, float b) {
   if (!validImage(image) || x < 0 || x >= images[image].width) return;

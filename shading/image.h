@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,8 +28,8 @@ struct Image {
 
 extern std::vector<Image> images;
 extern std::vector<std::string> imageSearchPaths;
-// Images that were to be written and were not, each reported with an error line.
-extern int unsavedImages;
+// Names of the images that were to be written and were not, each reported with an error line.
+extern std::set<std::string> unsavedImages;
 
 void startImages();
 void stopImages();

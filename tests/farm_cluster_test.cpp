@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "app/tiling.h"
+#include "output/exr_file.h"
 #include "tests/command_fixture.h"
 
 namespace fs = std::filesystem;
@@ -221,4 +222,29 @@ TEST_F(FarmCluster, AFailedTileStopsTheMergeUntilItIsRenderedAgain) {
   EXPECT_EQ(jobStates(again)["3"], "COMPLETED");
   EXPECT_EQ(jobStates(remerge)[""], "COMPLETED");
   expectTilesInFrame(out);
+}
+
+TEST_F(FarmCluster, ATileStoppedByItsTimeLimitIsRequeuedResumesAndTheMergeWaitsForIt) {
+  const std::string work = scratchFolder("farm-cluster-time-limit");
+  const std::string out = work + "/farm";
+  // A one-minute limit with the warning 45 s before its end: the first run is
+  // stopped partway, and each run gets further than the one before it.
+  const Outcome run = cluster.slurm("SBATCH_TIMELIMIT=1 SBATCH_SIGNAL=B:USR1@45 QUAZEL=" + quote(binary) + " bash " +
+                                    quote(source + "/scripts/farm/submit.sh") + " " + quote(scene) + " " + quote(out) +
+                                    " 1 --resolution 96 54 --samples 2000 --threads 1 --exr all.exr");
+  std::istringstream ids(run.out);
+  std::string array, merge;
+  ids >> array >> merge;
+  ASSERT_FALSE(merge.empty()) << "submission failed";
+  ASSERT_TRUE(waitForJobs(array + "," + merge, 420)) << "the jobs did not end in time";
+  EXPECT_EQ(jobStates(array)["1"], "COMPLETED");
+  EXPECT_EQ(jobStates(merge)[""], "COMPLETED");
+  // The scheduler counts the task's runs after the first.
+  const std::string job = cluster.slurm("scontrol -o show job " + array).out;
+  const size_t restarts = job.find(" Restarts=");
+  ASSERT_NE(restarts, std::string::npos) << job;
+  EXPECT_GE(std::atoi(job.c_str() + restarts + 10), 1) << job;
+  ExrImage frame;
+  ASSERT_EQ(readExr(out + "/frame/all.exr", frame), "");
+  EXPECT_EQ(frame.info.passes, 2000);
 }
