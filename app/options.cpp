@@ -23,6 +23,13 @@ const char* const usageText =
     "  --resume DIR           goes on with the stopped render whose images are in DIR\n"
     "  --log FILE             sends the report to FILE; the terminal shows one status line\n"
     "  --threads N            renders on N threads (1 to 256)\n"
+    "  --sampler NAME         random (hardware numbers, the default) or sobol (a seeded\n"
+    "                         low-discrepancy sequence per pixel: less noise per pass,\n"
+    "                         and the same image for the same seed)\n"
+    "  --seed N               the sobol sampler's seed, 0 to 4294967295\n"
+    "  --noise-threshold E    a pixel stops once the relative standard error of its mean\n"
+    "                         is below E; the camera's sample is then the most passes\n"
+    "  --time-limit SECONDS   ends the render after the last whole pass that fits\n"
     "  --preview              shows the image in a window as it grows; closing the window\n"
     "                         saves the beauty image and ends the program\n"
     "  --help                 shows this text\n"
@@ -56,6 +63,19 @@ struct Arguments {
     }
     out.assign(list.begin() + long(next), list.begin() + long(next + size_t(count)));
     next += size_t(count);
+    return true;
+  }
+  // One value that `parse` reads whole, or false with the error set to `expected`.
+  template <class T>
+  bool number(const std::string& option, T& out, const char* expected) {
+    std::vector<std::string> word;
+    if (!values(option, 1, word)) return false;
+    const char* end = word[0].data() + word[0].size();
+    const auto [stop, failure] = std::from_chars(word[0].data(), end, out);
+    if (failure != std::errc() || stop != end || word[0].empty()) {
+      error = option + ": '" + word[0] + "' is not " + expected;
+      return false;
+    }
     return true;
   }
   bool integers(const std::string& option, int count, int* out) {
@@ -117,6 +137,18 @@ void parseRenderOption(Arguments& args, const std::string& arg, CommandLine& lin
   } else if (arg == "--threads") {
     if (args.integers(arg, 1, &options.threads) && (options.threads < 1 || options.threads > 256))
       args.error = "--threads must be 1 to 256";
+  } else if (arg == "--sampler") {
+    if (args.values(arg, 1, word)) options.sampler = word[0];
+    if (args.error.empty() && options.sampler != "random" && options.sampler != "sobol")
+      args.error = "--sampler " + options.sampler + ": expected random or sobol";
+  } else if (arg == "--seed") {
+    options.has_seed = args.number(arg, options.seed, "a whole number from 0 to 4294967295");
+  } else if (arg == "--noise-threshold") {
+    if (args.number(arg, options.noise_threshold, "a number") && !(options.noise_threshold >= 0))
+      args.error = "--noise-threshold must be 0 or more";
+  } else if (arg == "--time-limit") {
+    if (args.number(arg, options.time_limit, "a number of seconds") && !(options.time_limit > 0))
+      args.error = "--time-limit must be above 0 seconds";
   } else if (arg.starts_with("-") || !options.scene.empty()) {
     args.error = "unexpected argument '" + arg + "'";
   } else {

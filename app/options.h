@@ -1,6 +1,7 @@
 // The command line of quazel: a render of a scene directory, or the merge of tiles.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,11 @@ struct RenderOptions {
   std::string resume;                  // a folder whose stopped render goes on
   std::string log;                     // the report goes to this file; empty: standard output
   int threads = 0;                     // 0: the runtime's choice
+  std::string sampler;                 // empty: the scene's own
+  bool has_seed = false;
+  uint32_t seed = 0;
+  double noise_threshold = -1;  // below 0: the scene's own
+  double time_limit = 0;        // seconds; 0: none
 };
 
 struct MergeOptions {

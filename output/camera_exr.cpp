@@ -30,7 +30,9 @@ void writeCameraExr(const Camera& camera, float renderSeconds) {
   file.x0 = std::max(r.min_x, 0), file.y0 = std::max(r.min_y, 0);
   file.x1 = std::min(r.max_x, camera.width), file.y1 = std::min(r.max_y, camera.height);
   file.info.passes = renderer.pass;
-  file.info.sampler = "random";
+  file.info.sampler = renderer.sampler == 1 ? "sobol" : "random";
+  // The hardware numbers have no seed.
+  if (renderer.sampler == 1) file.info.seed = renderer.seed;
   file.info.render_seconds = renderSeconds;
   file.info.tile_index = tileIndex, file.info.tile_count = tileCount;
   std::string problem;

@@ -1,5 +1,6 @@
 #include "output/checkpoint.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include "frame/report.h"
 #include "lights/geometry_light.h"
 #include "lights/sky.h"
+#include "output/adaptive_sampling.h"
 #include "output/camera.h"
 #include "qz.h"
 
@@ -23,20 +25,35 @@ std::atomic<bool> stopRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "the stop flag is set from a signal handler");
 bool stopped = false;
 
-// The framebuffers that sum up over the passes, in a fixed order: the
-// camera's, then the sky's and the geometry light's.
-std::vector<Image*> runningSums() {
-  std::vector<Image*> list;
+// A stretch of memory the checkpoint holds as it stands.
+struct Buffer {
+  char* data;
+  uint64_t bytes;
+};
+
+template <typename T>
+Buffer bufferOf(std::vector<T>& values) {
+  return {reinterpret_cast<char*>(values.data()), values.size() * sizeof(T)};
+}
+
+// What grows over the passes, in a fixed order: the camera's framebuffers, the
+// sky's and the geometry light's, then each pixel's noise and pass count.
+std::vector<Buffer> runningSums() {
+  std::vector<Buffer> list;
   for (auto* aovs : {&cameras[size_t(renderer.camera)].aovs, &sky.aovs, &geometryLight.aovs})
-    for (CameraAOV& aov : *aovs) list.push_back(&aov.image);
+    for (CameraAOV& aov : *aovs) list.push_back(bufferOf(aov.image.floats));
+  list.push_back(bufferOf(pixelNoise.second_moment));
+  list.push_back(bufferOf(pixelNoise.passes));
+  list.push_back({reinterpret_cast<char*>(&pixelNoise.active), sizeof pixelNoise.active});
   return list;
 }
 
-// What a checkpoint must agree with: the pass count, the frame and the region.
+// What a checkpoint must agree with: the pass count, the frame, the region and the sampler.
 std::vector<int32_t> shape(int pass) {
   const Camera& camera = cameras[size_t(renderer.camera)];
   const Region& r = camera.region;
-  return {pass, camera.sample, camera.width, camera.height, r.min_x, r.min_y, r.max_x, r.max_y,
+  return {pass, camera.sample, camera.width, camera.height, r.min_x, r.min_y, r.max_x, r.max_y, renderer.sampler,
+          int32_t(renderer.seed),
           int32_t(runningSums().size())};
 }
 
@@ -58,10 +75,9 @@ std::string writeCheckpoint(const std::string& path) {
     const uint64_t length = beauty.size();
     out.write(reinterpret_cast<const char*>(&length), sizeof length);
     out.write(beauty.data(), std::streamsize(length));
-    for (const Image* image : runningSums()) {
-      const uint64_t count = image->floats.size();
-      out.write(reinterpret_cast<const char*>(&count), sizeof count);
-      out.write(reinterpret_cast<const char*>(image->floats.data()), std::streamsize(count * sizeof(float)));
+    for (const Buffer& buffer : runningSums()) {
+      out.write(reinterpret_cast<const char*>(&buffer.bytes), sizeof buffer.bytes);
+      out.write(buffer.data, std::streamsize(buffer.bytes));
     }
     out.write(magic, sizeof magic - 1);
     out.close();
@@ -87,16 +103,16 @@ std::string readCheckpoint(const std::string& path) {
   std::string beauty(length, ' ');
   if (!readValues(in, beauty.data(), length)) return "it is cut short";
   // All or nothing: the sums are read aside and put in place once all are whole.
-  std::vector<std::vector<float>> sums;
-  for (const Image* image : runningSums()) {
-    uint64_t count = 0;
-    if (!readValues(in, &count, 1) || count != image->floats.size()) return "its framebuffers do not fit";
-    std::vector<float>& values = sums.emplace_back(count);
-    if (!readValues(in, values.data(), count)) return "it is cut short";
+  const std::vector<Buffer> buffers = runningSums();
+  std::vector<std::vector<char>> sums;
+  for (const Buffer& buffer : buffers) {
+    uint64_t bytes = 0;
+    if (!readValues(in, &bytes, 1) || bytes != buffer.bytes) return "its framebuffers do not fit";
+    std::vector<char>& values = sums.emplace_back(bytes);
+    if (!readValues(in, values.data(), bytes)) return "it is cut short";
   }
   if (!readValues(in, head, sizeof head) || std::string(head, sizeof head) != magic) return "it is cut short";
-  std::vector<Image*> images = runningSums();
-  for (size_t i = 0; i < images.size(); ++i) images[i]->floats.swap(sums[i]);
+  for (size_t i = 0; i < buffers.size(); ++i) std::copy(sums[i].begin(), sums[i].end(), buffers[i].data);
   std::string& name = cameras[size_t(renderer.camera)].aovs[0].image.name;
   if (isDefaultBeautyName(name) && isDefaultBeautyName(beauty)) name = beauty;
   renderer.pass = uint16_t(header[0]);
@@ -127,8 +143,6 @@ bool checkpointBetweenPasses() {
   stopped = stop;
   return stop;
 }
-
-bool renderWasStopped() { return stopped; }
 
 void qzSetCheckpoint(const char* path, float seconds) {
   checkpointPath = path ? path : "";
