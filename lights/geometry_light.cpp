@@ -10,7 +10,6 @@
 #include "shading/shader.h"
 
 namespace {
-constexpr float pi = 3.14159265f;
 // 1 / the number of points, as a float.
 constexpr float pointShare = 1.3270872e-05f;
 
@@ -98,8 +97,10 @@ void prepareGeometryLight() {
   g.area = root ? root->lightArea : 0;
   if (g.photon > 0) {
     if (root && root->lightFaces.count > 0) {
-      // A side of radiance 1 sends pi times its area; each photon's point adds its colour.
-      const float f = pi * g.area / float(g.photon);
+      // A side of emission 1 sends its area, on the scale where a diffuse
+      // surface's radiance is albedo times irradiance (the scale of the point
+      // lights and the sky): its photons then light what its paths light.
+      const float f = g.area / float(g.photon);
       g.flux = {f, f, f};
     } else {
       g.photon = 0;
