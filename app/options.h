@@ -15,6 +15,7 @@ struct RenderOptions {
   int tile_index = 0, tile_count = 0;  // 0 of 0: not a tile
   int samples = 0;                     // 0: the camera's own
   int width = 0, height = 0;           // 0: the camera's own
+  std::string camera, sky;             // a model file's camera and environment image
 };
 
 struct MergeOptions {
@@ -23,8 +24,8 @@ struct MergeOptions {
 };
 
 struct CommandLine {
-  enum Kind { render, merge, help } kind = render;
-  RenderOptions render_options;
+  enum Kind { render, merge, import, help } kind = render;
+  RenderOptions render_options;  // also those of import: the model and -o
   MergeOptions merge_options;
   std::string error;  // one line; set when the arguments cannot be used
 };
