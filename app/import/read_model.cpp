@@ -287,8 +287,10 @@ class ModelReader {
     out.position = world * (scene.gltf ? aiVector3D() : c.mPosition);
     out.target = out.position + (turn * c.mLookAt).NormalizeSafe();
     out.up = (turn * c.mUp).NormalizeSafe();
-    // assimp keeps half the horizontal angle.
-    out.horizontal_degrees = finite(2 * c.mHorizontalFOV * 180 / float(M_PI), 40, 1, 179);
+    // assimp keeps half the horizontal angle, but for glTF the whole angle
+    // (approximated: tinygltf then gives the exact one).
+    const float angle = scene.gltf ? c.mHorizontalFOV : 2 * c.mHorizontalFOV;
+    out.horizontal_degrees = finite(angle * 180 / float(M_PI), 40, 1, 179);
     out.aspect = finite(c.mAspect, 0, 0, 100);
     if (!finiteVector(out.position) || !finiteVector(out.target) || !finiteVector(out.up)) {
       warn("camera " + out.name + " has no finite place; it is left out");
