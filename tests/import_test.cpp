@@ -220,6 +220,53 @@ TEST(Import, CameraFromTheFileFramesAnEmissiveUnitQuad) {
     }
 }
 
+TEST(Import, TextureTransformsMoveTheImageAsGltfDefinesThem) {
+  // Four quadrants, the file's first row at the top: red, green over blue, white.
+  const std::string work = scratchFolder("import-texture");
+  std::string texels;
+  for (int y = 0; y < 64; ++y)
+    for (int x = 0; x < 64; ++x) {
+      const int q = (y >= 32) * 2 + (x >= 32);
+      const char rgb[4][3] = {{'\xff', 0, 0}, {0, '\xff', 0}, {0, 0, '\xff'}, {'\xff', '\xff', '\xff'}};
+      texels.append(rgb[q], 3);
+    }
+  std::ofstream(work + "/quadrants.ppm", std::ios::binary) << "P6\n64 64\n255\n" << texels;
+  const Color3f red{1, 0, 0}, green{0, 1, 0}, blue{0, 0, 1}, white{1, 1, 1};
+  const struct {
+    const char* transform;
+    Color3f top_left, top_right, bottom_left, bottom_right;
+  } cases[] = {
+      {"", red, green, blue, white},
+      {R"("offset":[0.5,0])", green, red, white, blue},
+      // A quarter turn: u' = v, v' = -u.
+      {R"("rotation":1.5707963)", blue, red, white, green},
+  };
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.transform);
+    Gltf model;
+    model.used.push_back("\"KHR_texture_transform\"");
+    model.used.push_back("\"KHR_materials_ior\"");
+    model.images = R"([{"uri":"quadrants.ppm"}])";
+    model.textures = R"([{"source":0}])";
+    const int paint = model.material(
+        R"({"pbrMetallicRoughness":{"baseColorTexture":{"index":0,"extensions":{"KHR_texture_transform":{)" +
+        std::string(k.transform) + R"(}}},"metallicFactor":0},"extensions":{"KHR_materials_ior":{"ior":1}}})");
+    model.node(R"({"mesh":)" + std::to_string(model.quad({0, 0, 0}, {0.5f, 0, 0}, {0, 0.5f, 0}, paint)) + "}");
+    model.cameras.push_back(R"({"type":"perspective","perspective":{"yfov":1.5707963,"aspectRatio":1,"znear":0.01}})");
+    model.node(R"({"camera":0,"translation":[0,0,1]})");
+    model.save(work + "/model.gltf");
+    fs::remove_all(work + "/out");
+    const ShellOutcome run = quazel(work, "model.gltf -o out --resolution 16 16 --samples 2");
+    ASSERT_EQ(run.status, 0) << run.out;
+    // The quad covers pixels 4 to 11; the sky of radiance 1 shows its colours as they are.
+    const Image image = beauty(work + "/out");
+    expectColorNear(readPixel(image, 5 * 16 + 5), k.top_left, 1e-2f);
+    expectColorNear(readPixel(image, 5 * 16 + 10), k.top_right, 1e-2f);
+    expectColorNear(readPixel(image, 10 * 16 + 5), k.bottom_left, 1e-2f);
+    expectColorNear(readPixel(image, 10 * 16 + 10), k.bottom_right, 1e-2f);
+  }
+}
+
 TEST(Import, SceneDirectoryStoresAnInstancedMeshOnceAndPlacesItByInstances) {
   Gltf model;
   const int mesh = model.quad({0, 0, 0}, {0.5f, 0, 0}, {0, 0.5f, 0}, model.matte());
