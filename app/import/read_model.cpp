@@ -310,10 +310,17 @@ bool readModel(const std::string& path, ImportedScene& scene, std::string& error
   // Points and lines have no surface to render.
   importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, aiPrimitiveType_POINT | aiPrimitiveType_LINE);
   importer.SetPropertyFloat(AI_CONFIG_PP_GSN_MAX_SMOOTHING_ANGLE, 60);
-  const aiScene* ai = importer.ReadFile(path, aiProcess_Triangulate | aiProcess_SortByPType |
-                                                  aiProcess_GenSmoothNormals | aiProcess_ValidateDataStructure);
+  // Reading and the steps after it apart: a file of points and lines is read
+  // well, and only then found to hold nothing to render.
+  const aiScene* ai = importer.ReadFile(path, 0);
   if (!ai || !ai->mRootNode) {
     error = "import - cannot read " + path + ": " + importer.GetErrorString();
+    return false;
+  }
+  ai = importer.ApplyPostProcessing(aiProcess_Triangulate | aiProcess_SortByPType | aiProcess_GenSmoothNormals |
+                                    aiProcess_ValidateDataStructure);
+  if (!ai || !ai->mRootNode) {
+    error = "import - " + path + " holds no surface to render (" + importer.GetErrorString() + ")";
     return false;
   }
   ModelReader(*ai, file.parent_path(), scene).read();
