@@ -1,8 +1,14 @@
 #include "app/import/import_command.h"
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <thread>
 
 #include "app/import/gltf_extras.h"
 #include "app/import/read_model.h"
@@ -38,8 +44,34 @@ int importModel(const std::string& model, const std::string& directory, const Sc
   return problem.empty() ? 0 : failWith(problem);
 }
 
+int importContained(const std::string& model, const std::string& directory, const SceneChoices& choices,
+                    int seconds) {
+  std::cout << std::flush;
+  const pid_t child = fork();
+  if (child < 0) return importModel(model, directory, choices);  // no process to spare
+  if (child == 0) {
+    const int status = importModel(model, directory, choices);
+    std::cout << std::flush;
+    _exit(status);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  int status = 0;
+  pid_t done = 0;
+  while ((done = waitpid(child, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  if (done == 0) {
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return failWith("import - reading " + model + " took longer than " + std::to_string(seconds) + " s; given up");
+  }
+  if (WIFSIGNALED(status))
+    return failWith("import - reading " + model + " failed inside the reader (signal " +
+                    std::to_string(WTERMSIG(status)) + ")");
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 2;
+}
+
 int runImport(const RenderOptions& options) {
-  const int status = importModel(options.scene, options.output, choicesOf(options));
+  const int status = importContained(options.scene, options.output, choicesOf(options));
   if (status == 0) std::cout << "quazel: the scene is in " << options.output << "/" << std::endl;
   return status;
 }
@@ -49,7 +81,7 @@ int renderModel(RenderOptions options) {
   const std::string model = options.scene;
   if (!mkdtemp(pattern)) return failWith("import - cannot make a temporary folder");
   options.scene = pattern;
-  int status = importModel(model, options.scene, choicesOf(options));
+  int status = importContained(model, options.scene, choicesOf(options));
   // The camera written holds the resolution and the sample count already.
   options.width = options.height = options.samples = 0;
   if (status == 0) status = runRender(options);

@@ -12,5 +12,15 @@
 // cannot be read or the directory cannot be written.
 int importModel(const std::string& model, const std::string& directory, const SceneChoices& choices);
 
+// A reader of forty formats can crash or loop on a malformed file where no
+// check of ours reaches: the commands import in a child process, given up
+// after this long.
+constexpr int importSeconds = 300;
+
+// importModel in a child process: a crash or a time-out costs an error line
+// and status 2, not the command.
+int importContained(const std::string& model, const std::string& directory, const SceneChoices& choices,
+                    int seconds = importSeconds);
+
 int runImport(const RenderOptions& options);
 int renderModel(RenderOptions options);

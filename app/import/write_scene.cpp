@@ -129,6 +129,10 @@ std::string lightText(const ImportedScene& scene, const std::string& sky_image) 
   return text + "end\n";
 }
 
+// Three bounces, so that metals and glass show the lit surfaces around them
+// rather than only the lights and the sky.
+const char* const renderText = "render\nfinal_gather\nbounce 3\nray_depth 8\nend\nend\n";
+
 std::string geometryText(const ImportedScene& scene) {
   std::string root = "root", text;
   while (std::any_of(scene.meshes.begin(), scene.meshes.end(), [&](const ImportedMesh& m) { return m.name == root; }))
@@ -162,7 +166,7 @@ bool copyImage(const ImportedImage& image, const fs::path& folder) {
 std::string writeSceneDirectory(ImportedScene& scene, const std::string& directory, const SceneChoices& choices) {
   const fs::path root(directory);
   std::error_code error;
-  for (const char* folder : {"shader", "light", "camera", "geometry", "image"})
+  for (const char* folder : {"shader", "render", "light", "camera", "geometry", "image"})
     fs::create_directories(root / folder, error);
   if (error) return "import - cannot make the folders of " + directory;
   for (const ImportedImage& image : scene.images)
@@ -183,6 +187,7 @@ std::string writeSceneDirectory(ImportedScene& scene, const std::string& directo
   const ImportedCamera* chosen = chooseCamera(scene, choices.camera);
   const ImportedCamera camera = chosen ? *chosen : framingCamera(scene);
   if (!writeText(root / "shader" / "materials.qz", shaders) ||
+      !writeText(root / "render" / "render.qz", renderText) ||
       !writeText(root / "light" / "lights.qz", lightText(scene, sky_name)) ||
       !writeText(root / "camera" / "camera.qz", cameraText(camera, choices)) ||
       !writeText(root / "geometry" / "scene.qz", geometryText(scene)))
