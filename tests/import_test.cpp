@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -363,4 +364,16 @@ TEST(Import, ImportedDirectoryRendersTheSameImageAsTheModelFile) {
   ASSERT_EQ(a.floats.size(), b.floats.size());
   EXPECT_GT(meanOf(a).g, 0);
   EXPECT_EQ(0, std::memcmp(a.floats.data(), b.floats.data(), a.floats.size() * sizeof(float)));
+}
+
+TEST(Import, ExampleGltfSceneImportsWithoutAWarning) {
+  const char* source = std::getenv("QZ_SOURCE_DIR");
+  const std::string model = std::string(source ? source : "../..") + "/scenes/gltf/still-life.gltf";
+  const std::string work = scratchFolder("import-example");
+  const ShellOutcome run = quazel(work, "import '" + model + "' -o scene");
+  ASSERT_EQ(run.status, 0) << run.out;
+  EXPECT_EQ(run.out.find("warning"), std::string::npos) << run.out;
+  // Three marbles, one mesh.
+  EXPECT_EQ(count(readFile(work + "/scene/geometry/scene.qz"), "\nobject marble\n"), 3u);
+  EXPECT_TRUE(fs::exists(work + "/scene/image/checker.png"));
 }
