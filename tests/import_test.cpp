@@ -273,11 +273,13 @@ TEST(Import, SceneDirectoryStoresAnInstancedMeshOnceAndPlacesItByInstances) {
   const int mesh = model.quad({0, 0, 0}, {0.5f, 0, 0}, {0, 0.5f, 0}, model.matte());
   for (int i = 0; i < 3; ++i)
     model.node(R"({"mesh":)" + std::to_string(mesh) + R"(,"translation":[)" + std::to_string(2 * i) + ",0,0]}");
-  model.cameras.push_back(R"({"type":"perspective","name":"wide","perspective":{"yfov":0.5,"aspectRatio":2,"znear":0.1}})");
-  model.node(R"({"name":"wide","camera":0,"translation":[0,0,5]})");
+  model.cameras.push_back(R"({"type":"perspective","perspective":{"yfov":1,"aspectRatio":1,"znear":0.1}})");
+  model.node(R"({"name":"first","camera":0,"translation":[0,0,9]})");
+  model.cameras.push_back(R"({"type":"perspective","perspective":{"yfov":0.5,"aspectRatio":2,"znear":0.1}})");
+  model.node(R"({"name":"wide","camera":1,"translation":[0,0,5]})");
   const std::string work = scratchFolder("import-instances");
   model.save(work + "/model.gltf");
-  const ShellOutcome run = quazel(work, "import model.gltf -o scene");
+  const ShellOutcome run = quazel(work, "import model.gltf -o scene --camera wide");
   ASSERT_EQ(run.status, 0) << run.out;
   int objs = 0;
   for (const auto& entry : fs::directory_iterator(work + "/scene/geometry")) objs += entry.path().extension() == ".obj";
@@ -289,7 +291,9 @@ TEST(Import, SceneDirectoryStoresAnInstancedMeshOnceAndPlacesItByInstances) {
   EXPECT_NE(readFile(work + "/scene/light/lights.qz").find("color 1 1 1"), std::string::npos);
   // The camera's aspect ratio 2 decides the resolution; its vertical angle of
   // 0.5 radians is a horizontal one of 2 atan(2 tan 0.25).
+  // The camera that --camera names, not the first.
   const std::string camera = readFile(work + "/scene/camera/camera.qz");
+  EXPECT_NE(camera.find("# camera wide"), std::string::npos) << camera;
   EXPECT_NE(camera.find("resolution 960 480"), std::string::npos) << camera;
   const float horizontal = float(2 * std::atan(2 * std::tan(0.25)) * 180 / M_PI);
   std::smatch match;

@@ -1,6 +1,7 @@
 #include "app/import/read_model.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <filesystem>
 #include <map>
@@ -31,7 +32,7 @@ struct NameBook {
   }
 };
 
-float finite(float value, float fallback, float low, float high) {
+float clampFinite(float value, float fallback, float low, float high) {
   return std::isfinite(value) ? std::clamp(value, low, high) : fallback;
 }
 
@@ -151,27 +152,27 @@ class ModelReader {
       out.base = finiteColor({color4.r, color4.g, color4.b}, out.base, 1);
     out.base_texture = texture(m, aiTextureType_BASE_COLOR);
     if (out.base_texture.image < 0) out.base_texture = texture(m, aiTextureType_DIFFUSE);
-    if (m.Get(AI_MATKEY_METALLIC_FACTOR, value) == AI_SUCCESS) out.metallic = finite(value, 0, 0, 1);
-    if (m.Get(AI_MATKEY_ROUGHNESS_FACTOR, value) == AI_SUCCESS) out.roughness = finite(value, 1, 0, 1);
+    if (m.Get(AI_MATKEY_METALLIC_FACTOR, value) == AI_SUCCESS) out.metallic = clampFinite(value, 0, 0, 1);
+    if (m.Get(AI_MATKEY_ROUGHNESS_FACTOR, value) == AI_SUCCESS) out.roughness = clampFinite(value, 1, 0, 1);
     if (scene.gltf) out.metallic_roughness_texture = texture(m, aiTextureType_UNKNOWN);
     if (m.Get(AI_MATKEY_COLOR_SPECULAR, color) == AI_SUCCESS) out.specular = finiteColor(color, {}, 1);
     out.specular_texture = texture(m, aiTextureType_SPECULAR);
-    if (m.Get(AI_MATKEY_SHININESS, value) == AI_SUCCESS) out.shininess = finite(value, 0, 0, 1e6f);
+    if (m.Get(AI_MATKEY_SHININESS, value) == AI_SUCCESS) out.shininess = clampFinite(value, 0, 0, 1e6f);
     out.normal_texture = texture(m, aiTextureType_NORMALS);
     if (m.Get(AI_MATKEY_GLTF_TEXTURE_SCALE(aiTextureType_NORMALS, 0), value) == AI_SUCCESS ||
         m.Get(AI_MATKEY_BUMPSCALING, value) == AI_SUCCESS)
-      out.normal_scale = finite(value, 1, -100, 100);
+      out.normal_scale = clampFinite(value, 1, -100, 100);
     if (m.GetTextureCount(aiTextureType_HEIGHT) > 0)
       warn("material " + out.name + ": a bump (height) map cannot be mapped, only a normal map; it is left out");
     if (m.Get(AI_MATKEY_COLOR_EMISSIVE, color) == AI_SUCCESS) out.emission = finiteColor(color, {}, 1e6f);
     out.emission_texture = texture(m, aiTextureType_EMISSIVE);
-    if (m.Get(AI_MATKEY_TRANSMISSION_FACTOR, value) == AI_SUCCESS) out.transmission = finite(value, 0, 0, 1);
-    if (!scene.gltf && m.Get(AI_MATKEY_OPACITY, value) == AI_SUCCESS) out.opacity = finite(value, 1, 0, 1);
+    if (m.Get(AI_MATKEY_TRANSMISSION_FACTOR, value) == AI_SUCCESS) out.transmission = clampFinite(value, 0, 0, 1);
+    if (!scene.gltf && m.Get(AI_MATKEY_OPACITY, value) == AI_SUCCESS) out.opacity = clampFinite(value, 1, 0, 1);
     // glTF gives an index only with KHR_materials_ior, and 1 then means no
     // reflection; MTL without Ni gives 1 too, which means Ni was left out.
     if (m.Get(AI_MATKEY_REFRACTI, value) == AI_SUCCESS && (scene.gltf || value > 1.0001f))
-      out.ior = finite(value, 1.5f, 1, 100);
-    if (m.Get(AI_MATKEY_CLEARCOAT_FACTOR, value) == AI_SUCCESS) out.clear_coat = finite(value, 0, 0, 1);
+      out.ior = clampFinite(value, 1.5f, 1, 100);
+    if (m.Get(AI_MATKEY_CLEARCOAT_FACTOR, value) == AI_SUCCESS) out.clear_coat = clampFinite(value, 0, 0, 1);
     if (out.clear_coat > 0 && m.Get(AI_MATKEY_CLEARCOAT_ROUGHNESS_FACTOR, value) == AI_SUCCESS && value > 0)
       warn("material " + out.name + ": a rough clear coat is imported smooth");
     if (m.Get(AI_MATKEY_SHEEN_COLOR_FACTOR, color4) == AI_SUCCESS && (color4.r > 0 || color4.g > 0 || color4.b > 0))
@@ -259,8 +260,8 @@ class ModelReader {
         break;
       case aiLightSource_SPOT:
         out.kind = ImportedLight::spot;
-        out.inner_degrees = finite(l.mAngleInnerCone * 180 / float(M_PI), 0, 0, 180);
-        out.outer_degrees = finite(l.mAngleOuterCone * 180 / float(M_PI), 45, 0, 180);
+        out.inner_degrees = clampFinite(l.mAngleInnerCone * 180 / float(M_PI), 0, 0, 180);
+        out.outer_degrees = clampFinite(l.mAngleOuterCone * 180 / float(M_PI), 45, 0, 180);
         break;
       case aiLightSource_DIRECTIONAL:
         out.kind = ImportedLight::directional;
@@ -290,8 +291,8 @@ class ModelReader {
     // assimp keeps half the horizontal angle, but for glTF the whole angle
     // (approximated: tinygltf then gives the exact one).
     const float angle = scene.gltf ? c.mHorizontalFOV : 2 * c.mHorizontalFOV;
-    out.horizontal_degrees = finite(angle * 180 / float(M_PI), 40, 1, 179);
-    out.aspect = finite(c.mAspect, 0, 0, 100);
+    out.horizontal_degrees = clampFinite(angle * 180 / float(M_PI), 40, 1, 179);
+    out.aspect = clampFinite(c.mAspect, 0, 0, 100);
     if (!finiteVector(out.position) || !finiteVector(out.target) || !finiteVector(out.up)) {
       warn("camera " + out.name + " has no finite place; it is left out");
       return;
