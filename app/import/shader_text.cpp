@@ -10,20 +10,28 @@ std::string exact(float value) {
   return text;
 }
 
-float roughnessOfShininess(float shininess) { return std::pow(2 / (std::max(shininess, 0.0f) + 2), 0.25f); }
-
-float metallicIor(float ior, float metallic) {
-  const float r = (ior - 1) / (ior + 1), f0 = r * r + (0.999f - r * r) * metallic;
-  const float s = std::sqrt(f0);
-  return (1 + s) / (1 - s);
-}
-
 bool isEmissive(const ImportedMaterial& m) {
   const aiColor3D e = m.emission * m.emission_strength;
   return std::max({e.r, e.g, e.b}) > 1e-6f;
 }
 
 namespace {
+// Below this roughness a lobe is a mirror: the glossy lobe would join the
+// mirror lobe without its Fresnel term.
+constexpr float mirrorRoughness = 0.01f;
+
+// A roughness value for the Phong exponent Ns: the Beckmann width
+// sqrt(2 / (Ns + 2)) is the square of the value written.
+float roughnessOfShininess(float shininess) { return std::pow(2 / (std::max(shininess, 0.0f) + 2), 0.25f); }
+
+// The index of refraction whose Fresnel term at normal incidence is the blend
+// of the dielectric's and a metal's (0.999) by `metallic`.
+float metallicIor(float ior, float metallic) {
+  const float r = (ior - 1) / (ior + 1), f0 = r * r + (0.999f - r * r) * metallic;
+  const float s = std::sqrt(f0);
+  return (1 + s) / (1 - s);
+}
+
 std::string triple(aiColor3D c) { return exact(c.r) + " " + exact(c.g) + " " + exact(c.b); }
 
 // One texture node: a colour, and an image with its gamma and matrices.
