@@ -216,8 +216,8 @@ TEST(Import, CameraFromTheFileFramesAnEmissiveUnitQuad) {
   for (int y = 0; y < 16; ++y)
     for (int x = 0; x < 16; ++x) {
       const bool inside = x >= 4 && x < 12 && y >= 4 && y < 12;
-      // Emission 1 times its strength 3 inside; outside the sky is dark, since the quad is a light.
-      EXPECT_NEAR(readPixel(image, y * 16 + x).g, inside ? 3.0f : 0.0f, 1e-5f) << x << " " << y;
+      // Emission 1 times its strength 3 inside; outside the sky of radiance 1, the file having no light.
+      EXPECT_NEAR(readPixel(image, y * 16 + x).g, inside ? 3.0f : 1.0f, 1e-5f) << x << " " << y;
     }
 }
 

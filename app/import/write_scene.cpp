@@ -119,8 +119,10 @@ std::string lightText(const ImportedScene& scene, const std::string& sky_image) 
   }
   const bool emissive = std::any_of(scene.materials.begin(), scene.materials.end(), isEmissive);
   if (emissive) text += "geometry_light\nsample 16\nend\n\n";
-  const bool lit = emissive || !scene.lights.empty();
-  // The sky: the image given, else radiance 1 for a file without any light, else dark.
+  // The sky: the image given, else radiance 1 for a file without lights, else
+  // dark. Glowing surfaces do not count: files tend to have small ones (labels,
+  // lamps) and leave the rest to the viewer's environment light.
+  const bool lit = !scene.lights.empty();
   text += "sky_light\nzenith 0 1 0\nnorth 0 0 -1\n";
   if (!sky_image.empty())
     text += "color 1 1 1\nimage \"image/" + sky_image + "\"\n";
