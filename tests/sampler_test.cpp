@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "frame/renderer.h"
 #include "frame/sequence.h"
 #include "lights/gaffer.h"
 #include "output/camera.h"
@@ -164,6 +165,9 @@ TEST_F(EarlyEnd, NoiseThresholdStopsTheQuietHalfFirstAndCompletesTheOutputs) {
   EXPECT_EQ(active(lines[6]), active(lines[0]));
   EXPECT_LT(active(lines[7]), active(lines[6]));
   EXPECT_GT(active(lines[7]), 0);
+  // The last pass traced the floor's active pixels alone: three rays each (camera ray and children);
+  // the emitter's 128 stopped pixels would add one each.
+  EXPECT_LE(closestRays(), 3u * uint64_t(active(lines.back())));
   expectColorNear(meanNormal(), {0.5f, 1, 0.5f}, 1e-4f);
 }
 
