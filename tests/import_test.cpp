@@ -239,8 +239,8 @@ TEST(Import, TextureTransformsMoveTheImageAsGltfDefinesThem) {
   } cases[] = {
       {"", red, green, blue, white},
       {R"("offset":[0.5,0])", green, red, white, blue},
-      // A quarter turn: u' = v, v' = -u.
-      {R"("rotation":1.5707963)", blue, red, white, green},
+      // A quarter turn: u' = -v, v' = u.
+      {R"("rotation":1.5707963)", green, white, red, blue},
   };
   for (const auto& k : cases) {
     SCOPED_TRACE(k.transform);

@@ -48,8 +48,8 @@ void applyTextureTransform(const tinygltf::ExtensionMap& extensions, TextureSlot
   const double ox = element(t, "offset", 0, 0), oy = element(t, "offset", 1, 0);
   const double sx = element(t, "scale", 0, 1), sy = element(t, "scale", 1, 1);
   const double r = number(t, "rotation", 0), c = std::cos(r), s = std::sin(r);
-  // M = T R S with R = [c s; -s c], glTF's own rotation.
-  const double m[2][3] = {{c * sx, s * sy, ox}, {-s * sx, c * sy, oy}};
+  // M = T R S; glTF writes R column by column as (c, s), (-s, c).
+  const double m[2][3] = {{c * sx, -s * sy, ox}, {s * sx, c * sy, oy}};
   // F M F: row 1 is negated and gains 1 in the translation; column 1 is negated
   // and its value moves into the translation.
   const double a = m[0][0], b = -m[0][1], e = m[0][2] + m[0][1];
