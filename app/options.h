@@ -16,6 +16,7 @@ struct RenderOptions {
   int tile_index = 0, tile_count = 0;  // 0 of 0: not a tile
   int samples = 0;                     // 0: the camera's own
   int width = 0, height = 0;           // 0: the camera's own
+  std::string camera, sky;             // a model file's camera and environment image
   std::string sampler;                 // empty: the scene's own
   bool has_seed = false;
   uint32_t seed = 0;
@@ -29,8 +30,8 @@ struct MergeOptions {
 };
 
 struct CommandLine {
-  enum Kind { render, merge, help } kind = render;
-  RenderOptions render_options;
+  enum Kind { render, merge, import, help } kind = render;
+  RenderOptions render_options;  // also those of import: the model and -o
   MergeOptions merge_options;
   std::string error;  // one line; set when the arguments cannot be used
 };
