@@ -1,9 +1,11 @@
-// quazel: renders a scene directory with the library's whole run, or merges
-// the tiles of a frame rendered on many machines.
+// quazel: renders a scene directory with the library's whole run, imports and
+// renders a model file, or merges the tiles of a frame rendered on many machines.
+#include <filesystem>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "app/import/import_command.h"
 #include "app/merge.h"
 #include "app/options.h"
 #include "app/render_command.h"
@@ -20,8 +22,12 @@ int main(int argc, char** argv) {
       return 0;
     case CommandLine::merge:
       return runMerge(line.merge_options);
+    case CommandLine::import:
+      return runImport(line.render_options);
     case CommandLine::render:
       break;
   }
+  std::error_code error;
+  if (std::filesystem::is_regular_file(line.render_options.scene, error)) return renderModel(line.render_options);
   return runRender(line.render_options);
 }

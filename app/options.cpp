@@ -3,11 +3,13 @@
 #include <charconv>
 
 const char* const usageText =
-    "usage: quazel [OPTIONS] [SCENE_DIR]\n"
+    "usage: quazel [OPTIONS] [SCENE_DIR | MODEL_FILE]\n"
+    "       quazel import MODEL_FILE -o SCENE_DIR [--camera NAME] [--sky IMAGE]\n"
     "       quazel merge -o OUT_DIR TILE_DIR...\n"
     "  Renders the scene directory SCENE_DIR (folders shader/, render/, light/, camera/,\n"
     "  geometry/ of .qz files) and writes the camera's images into the working directory.\n"
-    "  Without SCENE_DIR it renders the bundled example scene.\n"
+    "  Without SCENE_DIR it renders the bundled example scene. A MODEL_FILE (.gltf, .glb,\n"
+    "  .obj with its .mtl, .ply, .fbx, .dae, .stl, ...) is imported and rendered as it is.\n"
     "  -o DIR                 writes the images into DIR, created if missing\n"
     "  --region X0 Y0 X1 Y1   renders only the pixels from (X0, Y0) up to (X1, Y1), maxima\n"
     "                         exclusive; the images keep the full size, other pixels black\n"
@@ -32,7 +34,11 @@ const char* const usageText =
     "  --time-limit SECONDS   ends the render after the last whole pass that fits\n"
     "  --preview              shows the image in a window as it grows; closing the window\n"
     "                         saves the beauty image and ends the program\n"
+    "  --camera NAME          a model file's camera of that name, in place of its first\n"
+    "  --sky IMAGE            lights a model file's scene with an environment image\n"
     "  --help                 shows this text\n"
+    "  import: writes the model as an editable scene directory, which quazel SCENE_DIR\n"
+    "  renders to the same picture.\n"
     "  merge: joins the tile folders' images into whole frames in OUT_DIR, each pixel\n"
     "  taken from the tile that rendered it, with a PNG beside each float image.\n";
 
@@ -137,6 +143,10 @@ void parseRenderOption(Arguments& args, const std::string& arg, CommandLine& lin
   } else if (arg == "--threads") {
     if (args.integers(arg, 1, &options.threads) && (options.threads < 1 || options.threads > 256))
       args.error = "--threads must be 1 to 256";
+  } else if (arg == "--camera") {
+    if (args.values(arg, 1, word)) options.camera = word[0];
+  } else if (arg == "--sky") {
+    if (args.values(arg, 1, word)) options.sky = word[0];
   } else if (arg == "--sampler") {
     if (args.values(arg, 1, word)) options.sampler = word[0];
     if (args.error.empty() && options.sampler != "random" && options.sampler != "sobol")
@@ -187,7 +197,18 @@ CommandLine parseCommandLine(const std::vector<std::string>& list) {
     args.next = 1;
     parseMerge(args, line);
   } else {
+    const bool import = !list.empty() && list[0] == "import";
+    args.next = import ? 1 : 0;
     while (args.more() && line.kind != CommandLine::help) parseRenderOption(args, args.take(), line);
+    if (import && line.kind != CommandLine::help && args.error.empty()) {
+      const RenderOptions& o = line.render_options;
+      line.kind = CommandLine::import;
+      if (o.scene.empty() || o.output.empty())
+        args.error = "import needs a model file and -o SCENE_DIR";
+      else if (o.preview || o.has_region || o.tile_count > 0 || !o.sampler.empty() || o.has_seed ||
+               o.noise_threshold >= 0 || o.time_limit > 0)
+        args.error = "import takes only -o, --camera, --sky, --samples and --resolution";
+    }
   }
   line.error = args.error;
   return line;

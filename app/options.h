@@ -21,6 +21,7 @@ struct RenderOptions {
   std::string resume;                  // a folder whose stopped render goes on
   std::string log;                     // the report goes to this file; empty: standard output
   int threads = 0;                     // 0: the runtime's choice
+  std::string camera, sky;             // a model file's camera and environment image
   std::string sampler;                 // empty: the scene's own
   bool has_seed = false;
   uint32_t seed = 0;
@@ -34,8 +35,8 @@ struct MergeOptions {
 };
 
 struct CommandLine {
-  enum Kind { render, merge, help } kind = render;
-  RenderOptions render_options;
+  enum Kind { render, merge, import, help } kind = render;
+  RenderOptions render_options;  // also those of import: the model and -o
   MergeOptions merge_options;
   std::string error;  // one line; set when the arguments cannot be used
 };

@@ -78,6 +78,18 @@ inline void drawTwo(const SampleCursor& cursor, float& u1, float& u2) {
   }
 }
 
+// The scramble of the photons' sequence: 0 (plain Halton) in the random
+// sampler, the seed hashed in the sobol one.
+inline uint32_t photonScramble() {
+  return renderer.sampler == samplerRandom ? 0 : hashWords(renderer.seed, 0x70686f74u);
+}
+// Two emission numbers of photon `index`: u1 and u2 stay as the random sampler
+// has them; the sobol sampler puts a pair of its seeded sequence for the
+// emitter's `decision` in their place.
+inline void emissionPair(uint64_t index, uint32_t decision, float& u1, float& u2) {
+  if (renderer.sampler != samplerRandom) sobolPair({uint32_t(index), decision, photonScramble()}, u1, u2);
+}
+
 // Decisions that draw as many numbers as they need (probes, cut-outs, texel
 // picks) read a stream: the hardware source, or in the sobol sampler a hash
 // of the sample and a running count, restarted for each pixel sample and

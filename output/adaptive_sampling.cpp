@@ -15,6 +15,7 @@ void preparePixelNoise(const Camera& camera) {
   const size_t count = size_t(camera.width) * size_t(camera.height);
   pixelNoise.second_moment.assign(count, 0.0f);
   pixelNoise.passes.assign(count, 0);
+  pixelNoise.stopped.assign(count, 0);
 }
 
 void freePixelNoise() { pixelNoise = PixelNoise{}; }
@@ -32,7 +33,9 @@ bool addToPixelNoise(int64_t p, Color3f mean, Color3f L, int pass) {
   pixelNoise.passes[size_t(p)] = uint16_t(pass + 1);
   const int n = pass + 1;
   if (n < std::max(renderer.min_passes, 2)) return true;
-  return !(relativeError((mean.r + mean.g + mean.b) * (1.0f / 3), m2, n) < renderer.noise_threshold);
+  const bool done = relativeError((mean.r + mean.g + mean.b) * (1.0f / 3), m2, n) < renderer.noise_threshold;
+  pixelNoise.stopped[size_t(p)] = done;
+  return !done;
 }
 
 void completeAOVs(std::vector<CameraAOV>& aovs, size_t first, int planned, int passes) {

@@ -11,7 +11,8 @@
 
 struct PixelNoise {
   std::vector<float> second_moment;  // running mean of the squared channel mean of each sample
-  std::vector<uint16_t> passes;      // passes each pixel took; one below the pass number has stopped
+  std::vector<uint16_t> passes;      // passes each pixel took
+  std::vector<uint8_t> stopped;      // 1 once a pixel takes no more passes
   int64_t active = 0;                // pixels of the region still taking passes
 };
 
@@ -21,7 +22,7 @@ extern PixelNoise pixelNoise;
 void preparePixelNoise(const Camera& camera);
 void freePixelNoise();
 bool adaptiveSampling();
-inline bool pixelActive(int64_t p, int pass) { return !adaptiveSampling() || pixelNoise.passes[size_t(p)] == pass; }
+inline bool pixelActive(int64_t p) { return !adaptiveSampling() || !pixelNoise.stopped[size_t(p)]; }
 // The relative standard error of a mean of n samples whose mean is m and
 // whose squares have the mean m2. Below a mean of 0.01 the error is taken
 // against 0.01, so that nearly black pixels are not chased for ever.

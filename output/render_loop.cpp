@@ -42,7 +42,7 @@ void runPass(std::vector<Color3f>* out) {
   for (int y = region.min_y; y < region.max_y; ++y) {
     for (int x = region.min_x; x < region.max_x; ++x) {
       const int64_t p = int64_t(y) * camera.width + x;
-      if (adaptive && !pixelActive(p, pass)) continue;
+      if (adaptive && !pixelActive(p)) continue;
       Ray ray;
       generatePixelSample(camera, pose, x, y, pass, ray);
       Color3f L = black;

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those that are missing.
 set -euo pipefail
-packages=(g++ cmake ninja-build libfreeimage-dev libopenexr-dev openexr freeglut3-dev libgtest-dev xvfb x11-apps)
+packages=(g++ cmake ninja-build libfreeimage-dev libopenexr-dev openexr freeglut3-dev libgtest-dev xvfb x11-apps libassimp-dev libtinygltf-dev nlohmann-json3-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -81,7 +81,7 @@ TEST(QuazelCommand, HelpMissingDirectoryAndStrayArguments) {
   const std::string work = scratchFolder("app-arguments");
   Outcome run = quazel(work, "--help");
   EXPECT_EQ(run.status, 0);
-  EXPECT_TRUE(run.out.starts_with("usage: quazel [OPTIONS] [SCENE_DIR]")) << run.out;
+  EXPECT_TRUE(run.out.starts_with("usage: quazel [OPTIONS] [SCENE_DIR | MODEL_FILE]")) << run.out;
   run = quazel(work, "no-such-scene");
   EXPECT_NE(run.status, 0);
   EXPECT_NE(run.err.find("no-such-scene"), std::string::npos) << run.err;

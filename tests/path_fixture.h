@@ -51,6 +51,34 @@ class PathTest : public testing::Test {
     vertices += 4;
   }
 
+  // A sphere of triangles, `rings` bands from pole to pole, facing out; with
+  // `normals`, the sphere's own normals at its vertices, which then must be
+  // the object's first (vertices without normals take their face's).
+  void addSphere(int shader, Vec3f centre, float radius, int rings, bool normals = false) {
+    const int sectors = 2 * rings;
+    std::vector<float> positions, directions;
+    for (int i = 0; i <= rings; ++i)
+      for (int j = 0; j <= sectors; ++j) {
+        const float theta = testPi * float(i) / float(rings), phi = 2 * testPi * float(j) / float(sectors);
+        const Vec3f n{std::sin(theta) * std::cos(phi), std::cos(theta), std::sin(theta) * std::sin(phi)};
+        const Vec3f p = centre + radius * n;
+        positions.insert(positions.end(), {p.x, p.y, p.z});
+        directions.insert(directions.end(), {n.x, n.y, n.z});
+      }
+    std::vector<unsigned> indices;
+    auto at = [&](int i, int j) { return vertices + unsigned(i * (sectors + 1) + j); };
+    for (int i = 0; i < rings; ++i)
+      for (int j = 0; j < sectors; ++j) {
+        if (i > 0) indices.insert(indices.end(), {at(i, j), at(i, j + 1), at(i + 1, j)});
+        if (i < rings - 1) indices.insert(indices.end(), {at(i, j + 1), at(i + 1, j + 1), at(i + 1, j)});
+      }
+    qzSetObjectShader(object, 3, shader);
+    qzAddVertexData(object, 3, "position", int(positions.size() / 3), 3, positions.data());
+    if (normals) qzAddVertexData(object, 3, "normal", int(directions.size() / 3), 3, directions.data());
+    qzAddPrimitives(object, 3, int(indices.size() / 3), indices.data());
+    vertices += unsigned(positions.size() / 3);
+  }
+
   // The six faces of a cube of half size `half` about the origin, facing out or in.
   void addCube(int shader, float half, bool outwards) {
     for (int axis = 0; axis < 3; ++axis)

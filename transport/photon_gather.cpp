@@ -33,9 +33,12 @@ struct Nearest {
   }
 };
 
-bool inside(const Box& box, Vec3f p) {
-  return p.x >= box.min.x && p.y >= box.min.y && p.z >= box.min.z && p.x <= box.max.x && p.y <= box.max.y &&
-         p.z <= box.max.z;
+// Within `margin` of the box. Photons on one plane make a box of no
+// thickness, which a hit on that plane misses by its rounding about as often
+// as not: only a point farther than the gather radius can find nothing.
+bool near(const Box& box, Vec3f p, float margin) {
+  return p.x >= box.min.x - margin && p.y >= box.min.y - margin && p.z >= box.min.z - margin &&
+         p.x <= box.max.x + margin && p.y <= box.max.y + margin && p.z <= box.max.z + margin;
 }
 
 // Later diffuse bounces look in a smaller disk.
@@ -77,7 +80,8 @@ void searchTree(Vec3f p, Vec3f normal, float& r2, Nearest& nearest) {
 }  // namespace
 
 Color3f gatherCaustics(const Ray& ray, const Surface& surface) {
-  if (photonStore.radius < 1e-8f || photonStore.nodes.empty() || !inside(photonStore.bounds, surface.position))
+  if (photonStore.radius < 1e-8f || photonStore.nodes.empty() ||
+      !near(photonStore.bounds, surface.position, photonStore.radius))
     return black;
   float r2 = gatherRadius2(ray);
   const bool firstSegment =
