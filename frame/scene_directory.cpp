@@ -44,6 +44,7 @@ bool dispatchBlock(const std::string& keyword, std::istream& file) {
 }
 
 void readSceneFile(const std::string& path) {
+  if (!isRegularFile(path)) return;
   std::ifstream file(path);
   if (!file) return;
   std::string text;

@@ -17,6 +17,9 @@ struct SceneLine {
 
 // The next line of the file, at most 4095 characters; false at the end of the file.
 bool readLine(std::istream& file, std::string& text);
+// Files are read only when they are regular: a pipe would block for ever and
+// a device could be endless. Symbolic links are followed.
+bool isRegularFile(const std::string& path);
 bool nextKey(std::istream& file, SceneLine& line);
 // The text between the next two double quotes after the current position.
 std::string readQuotedString(SceneLine& line);
