@@ -162,3 +162,26 @@ TEST(HostileScene, ProjectiveAndNanMatricesKeepTheBoundsFinite) {
     });
   }
 }
+
+TEST_F(HostileInput, MergeRefusesACorruptTileImageAndLives) {
+  writeSceneFile(scene + "light", "sky.qz", "sky_light\n  color 0.5 0.5 0.5\nend\n");
+  std::string tiles;
+  for (int i = 1; i <= 2; ++i) {
+    const std::string folder = "out/tile-" + std::to_string(i);
+    const ShellOutcome tile = shell("cd '" + work + "' && '" + quazelBinary() + "' --tile " + std::to_string(i) +
+                                    "/2 --resolution 16 8 --samples 1 -o " + folder + " scene/");
+    ASSERT_EQ(tile.status, 0) << tile.out;
+    tiles += " " + folder;
+  }
+  // A Radiance header whose height overflows, over the pixels of a real tile.
+  const std::string path = work + "/out/tile-2/beauty.hdr";
+  const std::string hdr = readFile(path);
+  const size_t resolution = hdr.find("-Y");
+  ASSERT_NE(resolution, std::string::npos);
+  std::ofstream(path, std::ios::binary) << hdr.substr(0, resolution) << "-Y 8888888888888888881 +X 3\n"
+                                        << hdr.substr(hdr.find('\n', resolution) + 1);
+  const ShellOutcome merged =
+      shell("cd '" + work + "' && timeout 60 '" + quazelBinary() + "' merge -o out/frame" + tiles + " 2>&1");
+  EXPECT_EQ(merged.status, 2) << merged.out;
+  EXPECT_TRUE(has(merged.out, "quazel: merge: out/tile-2/beauty.hdr cannot be read\n")) << merged.out;
+}
