@@ -6,6 +6,8 @@
 #include <limits>
 #include <vector>
 
+#include "frame/report.h"
+
 bool readLine(std::istream& file, std::string& text) {
   // Lines keep to the 4095 characters of the reader's buffer, cut while they
   // are read: a file of one endless line holds no more than that.
@@ -51,6 +53,14 @@ std::string readQuotedString(SceneLine& line) {
   line.words.clear();
   line.words.str(close == std::string::npos ? std::string() : rest.substr(close + 1));
   return value;
+}
+
+void refuseOutOfRange(SceneLine& line, const char* block) {
+  printWarning(std::string(block) + " - " + line.key + " is out of range");
+}
+
+void warnUnfinished(SceneLine& line, const char* block) {
+  printWarning(std::string(block) + " - " + line.key + " asks for more work than a render can finish");
 }
 
 void readFloats(SceneLine& line, float* values, int count) {

@@ -124,7 +124,9 @@ void qzRender() {
     runPreviewWindow();
     return;
   }
-  for (int i = 0; i < cameras[renderer.camera].sample; ++i) progressiveStep();
+  guardAllocation("qzRender()", [] {
+    for (int i = 0; i < cameras[renderer.camera].sample; ++i) progressiveStep();
+  });
 }
 
 void qzRenderPixels(int count, float* pixels, int pass) {

@@ -185,3 +185,43 @@ TEST_F(HostileInput, MergeRefusesACorruptTileImageAndLives) {
   EXPECT_EQ(merged.status, 2) << merged.out;
   EXPECT_TRUE(has(merged.out, "quazel: merge: out/tile-2/beauty.hdr cannot be read\n")) << merged.out;
 }
+
+TEST_F(HostileInput, CountsPastTheirTypeAreRefusedAndEndlessOnesAnnounced) {
+  writeSceneFile(scene + "geometry", "triangle.qz", "object\n  obj \"geometry/triangle.obj\"\nend\n");
+  // Past the type: refused, and the render goes on with the defaults.
+  writeSceneFile(scene + "light", "lights.qz",
+                 "geometry_light\n  photon 99999999999999999999\nend\n"
+                 "point_light\n  position 0 0 2\n  photon -99999999999999999999\nend\n");
+  writeSceneFile(scene + "render", "render.qz", "render\n  final_gather\n    photon_depth 2147483648\n"
+                 "    ray_depth 256\n  end\nend\n");
+  ShellOutcome out = run();
+  EXPECT_EQ(out.status, 0) << out.out;
+  for (const char* line : {"warning :( geometry_light - photon is out of range\n", "warning :( light - photon is out of range\n",
+                           "warning :( render - photon_depth is out of range\n",
+                           "warning :( render - ray_depth is out of range\n"})
+    EXPECT_TRUE(has(out.out, line)) << line << out.out;
+  EXPECT_TRUE(rendered());
+  // Within the type but beyond any render's end: said when the scene is read.
+  writeSceneFile(scene + "light", "lights.qz", "point_light\n  position 0 0 2\n  photon 2147483647\nend\n");
+  writeSceneFile(scene + "render", "render.qz", "render\n  final_gather\n    sample 2147483647\n  end\nend\n");
+  writeSceneFile(scene + "camera", "camera.qz", stillCamera("  resolution 8 8\n  sample 2147483647\n"));
+  out = shell("cd '" + work + "' && timeout 5 '" + quazelBinary() + "' scene/ 2>&1");
+  for (const char* block : {"light - photon", "render - sample", "camera - sample"})
+    EXPECT_TRUE(has(out.out, std::string("warning :( ") + block + " asks for more work than a render can finish\n"))
+        << block << out.out;
+}
+
+TEST_F(HostileInput, DisplacementPastTheProcessLimitIsRefused) {
+  writeSceneFile(scene + "geometry", "quad.obj",
+                 "v -1 -1 0\nv 1 -1 0\nv 1 1 0\nv -1 1 0\nvt 0 0\nvt 1 0\nvt 1 1\nvt 0 1\nvn 0 0 1\nusemtl d\n"
+                 "f 1/1/1 2/2/1 3/3/1\nf 1/1/1 3/3/1 4/4/1\n");
+  writeSceneFile(scene + "geometry", "quad.qz", "object\n  obj \"geometry/quad.obj\"\nend\n");
+  // Some 5 GB of vertices, records and hierarchy, with 2 GB of address space.
+  writeSceneFile(scene + "shader", "shader.qz",
+                 "shader\n  name \"d\"\n  geometry\n    smooth_angle 30\n    vector\n      level 3000\n"
+                 "      color 1 1 1\n    end\n  end\nend\n");
+  const ShellOutcome out = run("2000000");
+  EXPECT_EQ(out.status, 0) << out.out;
+  EXPECT_TRUE(has(out.out, "error :( mesh - displacement level 3000 needs more memory than there is\n")) << out.out;
+  EXPECT_TRUE(rendered());
+}
