@@ -207,7 +207,7 @@ void fillParticle(const ParticleSet& set, const Ray& ray, const Shader& shader, 
 }
 
 void fillCylinder(const CylinderSet& set, const Ray& ray, const Shader& shader, Surface& surface) {
-  const float h = 2 * uniformRandom() - 1;
+  const float h = 2 * drawNumber(decisionCursor(ray, ray.cursor.index, decideFibreOffset)) - 1;
   beginFill(ray, surface);
   const uint32_t a = set.indices[ray.hit.primitive].first, b = a + 1;
   const float f = ray.coords[2];

@@ -44,7 +44,7 @@ bool cutOut(const Shader& shader, const Mesh& mesh, const Ray& ray, const uint32
       at.uv[0] += c.weights[i] * uv.u;
       at.uv[1] += c.weights[i] * uv.v;
     }
-  const float u = uniformRandom();
+  const float u = drawLoose();
   const Color3f opacity = evaluateColor(shader.geometry.opacity, at);
   return u > opacity.r || u > opacity.g || u > opacity.b;
 }

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "frame/sampling.h"
+#include "frame/sequence.h"
 #include "frame/vec.h"
 
 struct Object;
@@ -56,6 +56,11 @@ struct Ray {
   uint8_t prev_kind = 0, prev_depth = 0;
   Hit hit;
 };
+
+// The cursor of one decision of this path's sample `index`.
+inline SampleCursor decisionCursor(const Ray& ray, uint32_t index, uint32_t decision) {
+  return decisionCursor(ray.cursor, ray.bounces, index, decision);
+}
 
 // Finds the nearest hit below the root object. The caller has cleared `hit`'s
 // kind, primitive and references; `t` and the hit fields answer.

@@ -16,6 +16,13 @@ const char* const usageText =
     "                         which tile it holds, for quazel merge\n"
     "  --samples N            passes over the image, in place of the camera's sample\n"
     "  --resolution W H       image size in pixels, in place of the camera's resolution\n"
+    "  --sampler NAME         random (hardware numbers, the default) or sobol (a seeded\n"
+    "                         low-discrepancy sequence per pixel: less noise per pass,\n"
+    "                         and the same image for the same seed)\n"
+    "  --seed N               the sobol sampler's seed, 0 to 4294967295\n"
+    "  --noise-threshold E    a pixel stops once the relative standard error of its mean\n"
+    "                         is below E; the camera's sample is then the most passes\n"
+    "  --time-limit SECONDS   ends the render after the last whole pass that fits\n"
     "  --preview              shows the image in a window as it grows; closing the window\n"
     "                         saves the beauty image and ends the program\n"
     "  --help                 shows this text\n"
@@ -46,6 +53,19 @@ struct Arguments {
     }
     out.assign(list.begin() + long(next), list.begin() + long(next + size_t(count)));
     next += size_t(count);
+    return true;
+  }
+  // One value that `parse` reads whole, or false with the error set to `expected`.
+  template <class T>
+  bool number(const std::string& option, T& out, const char* expected) {
+    std::vector<std::string> word;
+    if (!values(option, 1, word)) return false;
+    const char* end = word[0].data() + word[0].size();
+    const auto [stop, failure] = std::from_chars(word[0].data(), end, out);
+    if (failure != std::errc() || stop != end || word[0].empty()) {
+      error = option + ": '" + word[0] + "' is not " + expected;
+      return false;
+    }
     return true;
   }
   bool integers(const std::string& option, int count, int* out) {
@@ -99,6 +119,18 @@ void parseRenderOption(Arguments& args, const std::string& arg, CommandLine& lin
     if (!args.integers(arg, 2, v)) return;
     options.width = v[0], options.height = v[1];
     if (v[0] < 1 || v[1] < 1) args.error = "--resolution: the width and height must be at least 1";
+  } else if (arg == "--sampler") {
+    if (args.values(arg, 1, word)) options.sampler = word[0];
+    if (args.error.empty() && options.sampler != "random" && options.sampler != "sobol")
+      args.error = "--sampler " + options.sampler + ": expected random or sobol";
+  } else if (arg == "--seed") {
+    options.has_seed = args.number(arg, options.seed, "a whole number from 0 to 4294967295");
+  } else if (arg == "--noise-threshold") {
+    if (args.number(arg, options.noise_threshold, "a number") && !(options.noise_threshold >= 0))
+      args.error = "--noise-threshold must be 0 or more";
+  } else if (arg == "--time-limit") {
+    if (args.number(arg, options.time_limit, "a number of seconds") && !(options.time_limit > 0))
+      args.error = "--time-limit must be above 0 seconds";
   } else if (arg.starts_with("-") || !options.scene.empty()) {
     args.error = "unexpected argument '" + arg + "'";
   } else {

@@ -1,6 +1,7 @@
 // The command line of quazel: a render of a scene directory, or the merge of tiles.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,11 @@ struct RenderOptions {
   int tile_index = 0, tile_count = 0;  // 0 of 0: not a tile
   int samples = 0;                     // 0: the camera's own
   int width = 0, height = 0;           // 0: the camera's own
+  std::string sampler;                 // empty: the scene's own
+  bool has_seed = false;
+  uint32_t seed = 0;
+  double noise_threshold = -1;  // below 0: the scene's own
+  double time_limit = 0;        // seconds; 0: none
 };
 
 struct MergeOptions {

@@ -61,6 +61,10 @@ std::string text(const PixelRect& r) {
 // tile record for a tile. Returns what is wrong, or an empty string.
 std::string applyOptions(const RenderOptions& options, TileRecord& tile) {
   const bool tiled = options.tile_count > 0;
+  if (!options.sampler.empty()) qzSetRendererSampler(options.sampler == "sobol" ? 1 : 0);
+  if (options.has_seed) qzSetRendererSeed(options.seed);
+  if (options.noise_threshold >= 0) qzSetRendererNoiseThreshold(float(options.noise_threshold));
+  if (options.time_limit > 0) qzSetRendererTimeLimit(options.time_limit);
   if (!options.has_region && !tiled && !options.samples && !options.width) return "";
   int width = 0, height = 0;
   PixelRect region;

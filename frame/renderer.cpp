@@ -36,6 +36,10 @@ void restoreRendererDefaults() {
   renderer.resolution = 0;
   renderer.elapsed = 0;
   renderer.final_gather = false;
+  renderer.sampler = 0;
+  renderer.seed = 0;
+  renderer.noise_threshold = 0;
+  renderer.min_passes = 16;
 }
 
 void qzSetRendererBounce(int bounce) { renderer.bounce = bounce; }
@@ -46,6 +50,11 @@ void qzSetRendererRayDepth(int depth) { renderer.ray_depth = depth; }
 void qzSetRendererPhotonDepth(int depth) { renderer.photon_depth = depth; }
 void qzSetRendererClamp(float r, float g, float b) { renderer.clamp = {r, g, b}; }
 void qzSetRendererError(float r, float g, float b) { renderer.error = {r, g, b}; }
+void qzSetRendererSampler(int sampler) { renderer.sampler = uint8_t(sampler == 1); }
+void qzSetRendererSeed(unsigned seed) { renderer.seed = seed; }
+void qzSetRendererNoiseThreshold(float threshold) { renderer.noise_threshold = threshold; }
+void qzSetRendererMinPasses(int passes) { renderer.min_passes = passes; }
+void qzSetRendererTimeLimit(double seconds) { renderer.time_limit = seconds; }
 void qzSetDisplayGamma(float gamma) { renderer.display_gamma = gamma; }
 void qzSetPreviewWindow(bool preview) { renderer.preview = preview; }
 

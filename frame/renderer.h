@@ -26,6 +26,12 @@ struct Renderer {
   // The lights keep their own copies of the sample count.
   int geometry_light_sample = 64;
   int sky_light_sample = 64;
+  // Where the numbers come from (frame/sequence.h) and how a render may stop early.
+  uint8_t sampler = 0;  // 0 random, 1 sobol
+  uint32_t seed = 0;
+  float noise_threshold = 0;  // relative standard error at which a pixel stops; 0: never
+  int min_passes = 16;        // passes every pixel takes before it may stop
+  double time_limit = 0;      // seconds; 0: none
 };
 
 // The counts of one thread, on a cache line of its own: threads tracing side

@@ -72,9 +72,11 @@ void printVec3Value(float x, float y, float z) {
   }
 }
 
-void printProgress(int percent, float raysPerMicrosecond) {
+void printProgress(int percent, float raysPerMicrosecond, int64_t activePixels) {
   std::cout << std::setw(3) << percent << "[%]  " << std::fixed << std::setprecision(2) << std::setw(5)
-            << raysPerMicrosecond << "[M rays/s] " << std::endl;
+            << raysPerMicrosecond << "[M rays/s] ";
+  if (activePixels >= 0) std::cout << activePixels << " [active pixels]";
+  std::cout << std::endl;
 }
 
 void printWarning(const std::string& message) { std::cout << "warning :( " << message << std::endl; }

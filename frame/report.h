@@ -14,7 +14,8 @@ void printTripleRow(const std::string& name, float a, float b, float c, const st
 // Memory of an array: element size, count and mebibytes; nothing when empty.
 void printArrayRow(const std::string& name, int64_t elementSize, int64_t count, const std::string& unit);
 void printVec3Value(float x, float y, float z);
-void printProgress(int percent, float raysPerMicrosecond);
+// With a noise threshold the line also counts the pixels still taking passes.
+void printProgress(int percent, float raysPerMicrosecond, int64_t activePixels = -1);
 void printWarning(const std::string& message);
 void printError(const std::string& message);
 

@@ -47,11 +47,11 @@ void readCount(SceneLine& line, T& count, const char* block, T finishes, T holds
   }
 }
 
-// What a render finishes within about a day: photons a light casts, passes of
-// the camera and samples at one shading point. Paths count their bounces in
-// eight bits, so depths hold at most 255.
+// What a render finishes within about a day: photons a light casts and samples
+// at one shading point. Paths count their bounces in eight bits and the render
+// its passes in sixteen, so depths hold at most 255 and the camera 65535 passes.
 constexpr int64_t photonsFinished = 1000000000;
-constexpr int passesFinished = 1000000, samplesFinished = 10000, depthHeld = 255;
+constexpr int samplesFinished = 10000, depthHeld = 255, passesHeld = 65535;
 
 // Reads up to `count` values with the stream's own rules: a value that does not
 // parse becomes 0 and leaves the rest of the line unread.

@@ -46,6 +46,16 @@ QZ_API void qzSetRendererRayDepth(int depth);
 QZ_API void qzSetRendererPhotonDepth(int depth);
 QZ_API void qzSetRendererClamp(float r, float g, float b);
 QZ_API void qzSetRendererError(float r, float g, float b);
+/* Where the numbers come from: 0 random (hardware numbers, the default), 1 sobol
+   (a scrambled low-discrepancy sequence per pixel, the same image for the same seed) */
+QZ_API void qzSetRendererSampler(int sampler);
+QZ_API void qzSetRendererSeed(unsigned seed);
+/* A pixel stops once the relative standard error of its mean is below `threshold`
+   (0, the default, traces every pixel in every pass), after at least `passes` passes (16) */
+QZ_API void qzSetRendererNoiseThreshold(float threshold);
+QZ_API void qzSetRendererMinPasses(int passes);
+/* The render ends after the last whole pass that fits in `seconds`; 0: no limit */
+QZ_API void qzSetRendererTimeLimit(double seconds);
 QZ_API void qzSetDisplayGamma(float gamma);
 QZ_API void qzSetPreviewWindow(bool preview);
 

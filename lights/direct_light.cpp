@@ -29,6 +29,13 @@ int passCount() {
   return std::max(P, 1);
 }
 
+PassShare passShare(int N) {
+  const int P = passCount(), pass = renderer.pass;
+  const uint32_t count = N > pass ? uint32_t((N - pass + P - 1) / P) : 0;
+  if (renderer.sampler == samplerRandom) return {uint32_t(pass), uint32_t(P), count};
+  return {uint32_t(pass) * uint32_t((N + P - 1) / P), 1, count};
+}
+
 float lobeAverage(const Surface& surface) {
   float sum = 0;
   int count = 0;

@@ -2,7 +2,14 @@
 // the points drawn at preparation and their teardown.
 #include "lights/geometry_light.h"
 
+#include <algorithm>
+#include <cmath>
+#include <utility>
+#include <vector>
+
+#include "accel/primitive_bounds.h"
 #include "frame/renderer.h"
+#include "frame/sequence.h"
 #include "frame/report.h"
 #include "geometry/object.h"
 #include "geometry/scene_assembly.h"
@@ -36,10 +43,45 @@ GeometryLightPoint drawPoint(uint32_t i) {
 }
 
 // The points and their selection table; false when nothing among them emits.
+// Bits 0, 3, 6, ... of a 30-bit word from the ten bits of v.
+uint32_t spreadBits(uint32_t v) {
+  v &= 0x3ff;
+  v = (v | (v << 16)) & 0x030000ff;
+  v = (v | (v << 8)) & 0x0300f00f;
+  v = (v | (v << 4)) & 0x030c30c3;
+  return (v | (v << 2)) & 0x09249249;
+}
+
+// The points in the order of a Morton curve through their bounds. The sobol
+// sampler stratifies its picks along the table, and strata of the table are
+// then patches of the lamps rather than the whole lamp each.
+void orderPointsInSpace(std::vector<GeometryLightPoint>& points) {
+  Box bounds;
+  // Points where nothing emits keep the origin: they take no picks and no part in the bounds.
+  for (const GeometryLightPoint& p : points)
+    if (p.primitive >= 0) growBox(bounds, p.position, p.position);
+  const Vec3f size = bounds.max - bounds.min;
+  auto code = [&](const GeometryLightPoint& p) {
+    uint32_t c = 0;
+    for (int a = 0; a < 3; ++a) {
+      const float t = size[a] > 0 ? (p.position[a] - bounds.min[a]) / size[a] : 0;
+      c |= spreadBits(uint32_t(std::fmin(std::fmax(t, 0.0f), 1.0f) * 1023)) << a;
+    }
+    return c;
+  };
+  std::vector<std::pair<uint32_t, uint32_t>> keys(points.size());
+  for (size_t i = 0; i < points.size(); ++i) keys[i] = {code(points[i]), uint32_t(i)};
+  std::sort(keys.begin(), keys.end());
+  std::vector<GeometryLightPoint> ordered(points.size());
+  for (size_t i = 0; i < keys.size(); ++i) ordered[i] = points[keys[i].second];
+  points.swap(ordered);
+}
+
 bool drawPoints() {
   GeometryLight& g = geometryLight;
   g.points.resize(geometryLightPointCount);
   for (uint32_t i = 0; i < uint32_t(geometryLightPointCount); ++i) g.points[i] = drawPoint(i);
+  if (renderer.sampler != samplerRandom) orderPointsInSpace(g.points);
   g.cdf.resize(geometryLightPointCount);
   double total = 0;
   for (size_t i = 0; i < g.points.size(); ++i) {

@@ -170,11 +170,13 @@ void emitGeometryPhoton(Ray& ray, uint64_t index) {
     ray.weight = black;
     return;
   }
-  const EmitterPoint point = sampleEmitter(pick, radicalInverse(index, 3), radicalInverse(index, 2));
+  float u1 = radicalInverse(index, 3), u2 = radicalInverse(index, 2);
+  emissionPair(index, decidePhotonOrigin, u1, u2);
+  const EmitterPoint point = sampleEmitter(pick, u1, u2);
   Frame frame;
   frame.normal = pick.front ? point.normal : -point.normal;
   buildOrthonormalBasis(frame.normal, frame.tangent, frame.bitangent);
-  sampleHemisphere(ray.direction, frame, {uint32_t(index), 2, 0});
+  sampleHemisphere(ray.direction, frame, {uint32_t(index), 2, photonScramble()});
   ray.origin = point.position;
   startPhoton(ray, index, 4, 1);
   // The photon must not find the primitive it leaves.

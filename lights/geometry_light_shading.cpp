@@ -73,14 +73,20 @@ void shadeWithGeometryLight(LobeRadiance& lobes, const Ray& ray, const Surface& 
   };
   const uint32_t bounce = bounceIndex(ray);
   if (bounce == 0) {
-    // The samples of this pass are stratified over the table from one random
-    // start, shifted per pixel by the scramble.
     const int N = firstBounceSampleCount(surface, ray, g.sample);
-    const int P = passCount();
-    const int n = (N - renderer.pass + P - 1) / P;
+    const PassShare share = passShare(N);
+    const int n = int(share.count);
     if (n <= 0) return;
-    const float r = uniformRandom(), s = float(ray.cursor.scramble) * 2.3283064e-10f;
-    const float weight = float(P) / float(N);
+    const float weight = float(passCount()) / float(N);
+    // The random sampler stratifies the samples of this pass over the table
+    // from one random start, shifted per pixel by the scramble; the sobol
+    // sampler takes the pass's run of its sequence.
+    const bool random = renderer.sampler == samplerRandom;
+    const float r = random ? uniformRandom() : 0, s = float(ray.cursor.scramble) * 2.3283064e-10f;
+    auto pickNumber = [&](int k) {
+      return random ? wrap((r + float(k)) / float(n) + s)
+                    : sobolNumber(decisionCursor(ray, share.index(uint32_t(k)), decideGeometryPick));
+    };
     // The picks do not depend on what the samples find: a batch of them is
     // made first and its points fetched while the others are picked, since
     // the points lie all over a table far larger than the caches.
@@ -89,14 +95,14 @@ void shadeWithGeometryLight(LobeRadiance& lobes, const Ray& ray, const Surface& 
     for (int first = 0; first < n; first += batch) {
       const int count = std::min(batch, n - first);
       for (int k = 0; k < count; ++k) {
-        picks[k] = pickPoint(wrap((r + float(first + k)) / float(n) + s));
+        picks[k] = pickPoint(pickNumber(first + k));
         _mm_prefetch(reinterpret_cast<const char*>(&g.points[size_t(picks[k].index)]), _MM_HINT_T0);
       }
       for (int k = 0; k < count; ++k) sampleOnce(picks[k], weight, true);
     }
   } else if (bounce < uint32_t(renderer.bounce)) {
     float u1, u2;
-    samplePair(ray.cursor, u1, u2);
+    drawPair(decisionCursor(ray, ray.cursor.index, decideGeometryPick), u1, u2);
     sampleOnce(pickPoint(u1), 1, false);
   }
 }

@@ -88,6 +88,16 @@ uint32_t lightAOVBits(const Ray& ray);
 int passCount();
 // The bounce index: non-specular bounces so far.
 inline uint32_t bounceIndex(const Ray& ray) { return ray.cursor.dimension / 2; }
+// The samples a first hit takes in this pass, of N over all passes: `count` of
+// them, the j-th with index first + j step. The random sampler deals the
+// indices out round the passes (pass, pass + P, ...); the sobol sampler gives
+// each pass the next run of its sequence, so that the first passes of a render
+// are strata of one sequence.
+struct PassShare {
+  uint32_t first = 0, step = 1, count = 0;
+  uint32_t index(uint32_t j) const { return first + j * step; }
+};
+PassShare passShare(int N);
 // Mean colour of the lobes that are on: how much a light sample is worth here.
 float lobeAverage(const Surface& surface);
 // Samples a light takes at a first-bounce hit over all passes: scaled by the

@@ -24,11 +24,12 @@ void prepareParallelLight(ParallelLight& light) {
 
 void ParallelLight::emit(Ray& ray, uint64_t index) const {
   // A disk of the scene's radius, one radius behind the centre, facing along the axis.
-  float x, y;
-  diskPoint(radicalInverse(index, 2), radicalInverse(index, 3), x, y);
+  float x, y, u1 = radicalInverse(index, 2), u2 = radicalInverse(index, 3);
+  emissionPair(index, decidePhotonOrigin, u1, u2);
+  diskPoint(u1, u2, x, y);
   ray.origin = sceneCenter + sceneRadius * (x * frame.tangent + y * frame.bitangent - frame.normal);
   ray.direction = frame.normal;
-  if (blur > 0) sampleCone(ray.direction, frame, {uint32_t(index), 2, 0}, cos_max);
+  if (blur > 0) sampleCone(ray.direction, frame, {uint32_t(index), 2, photonScramble()}, cos_max);
   startPhoton(ray, index, blur > 0 ? 4 : 2, ior);
   ray.weight = power / float(photon);
   skyPhoton.store(0, std::memory_order_relaxed);

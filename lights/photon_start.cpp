@@ -3,6 +3,7 @@
 
 #include <cmath>
 
+#include "frame/sequence.h"
 #include "lights/light.h"
 
 std::atomic<uint8_t> skyPhoton{0};
@@ -17,7 +18,11 @@ void startPhoton(Ray& ray, uint64_t index, uint32_t dimension, float ior) {
   ray.prev_instance = nullptr;
   ray.prev_object = nullptr;
   ray.ior = ior;
-  ray.cursor = {uint32_t(index), dimension, 0};
+  // The sobol sampler scrambles the photons' sequence by the seed, and restarts
+  // the stream of cut-outs for each photon so that threads do not share it.
+  const uint32_t scramble = photonScramble();
+  ray.cursor = {uint32_t(index), dimension, scramble};
+  startLooseStream(scramble, uint32_t(index));
 }
 
 void diskPoint(float u1, float u2, float& x, float& y) {

@@ -46,12 +46,13 @@ void preparePointLight(PointLight& light) {
 
 void PointLight::emit(Ray& ray, uint64_t index) const {
   const float N = float(photon);
-  const float u2 = radicalInverse(index, 2);
+  float u1 = float(index) / N, u2 = radicalInverse(index, 2);
+  emissionPair(index, decidePhotonDirection, u1, u2);
   Vec3f d;
   if (all_directions) {
-    sampleSphere(d, float(index) / N, u2);
+    sampleSphere(d, u1, u2);
   } else {
-    const float phi = 2 * pi * float(index) / N;
+    const float phi = 2 * pi * u1;
     const float c = 1 - (1 - cos_max) * u2;
     const float s = std::sqrt(std::fmax(1 - c * c, 0.0f));
     d = s * std::cos(phi) * frame.tangent + s * std::sin(phi) * frame.bitangent + c * frame.normal;
@@ -59,7 +60,9 @@ void PointLight::emit(Ray& ray, uint64_t index) const {
   ray.origin = position;
   if (blur > 0) {
     Vec3f offset;
-    sampleSphere(offset, radicalInverse(index, 3), radicalInverse(index, 5));
+    float v1 = radicalInverse(index, 3), v2 = radicalInverse(index, 5);
+    emissionPair(index, decidePhotonOrigin, v1, v2);
+    sampleSphere(offset, v1, v2);
     ray.origin += blur * offset;
   }
   ray.direction = d;

@@ -22,7 +22,7 @@ bool sampleLight(const PointLight& light, const Surface& surface, const SampleCu
   Vec3f v = light.position - surface.position;
   if (light.blur > 0) {
     float u1, u2;
-    samplePair(cursor, u1, u2);
+    drawPair(cursor, u1, u2);
     Vec3f offset;
     sampleSphere(offset, u1, u2);
     v += light.blur * offset;
@@ -54,7 +54,7 @@ template <class AnyLight>
 void addLightSample(const AnyLight& light, const Ray& ray, const Surface& surface, const Hit& leaving, uint32_t index,
                     float weight, Color3f jitterWeight, Color3f accumulators[4]) {
   LightSample sample;
-  if (!sampleLight(light, surface, {index, ray.cursor.dimension, ray.cursor.scramble}, sample)) return;
+  if (!sampleLight(light, surface, decisionCursor(ray, index, decideLightPoint), sample)) return;
   const Vec3f l = sample.l;
   const float c = dot(l, surface.normal);
   const float dr = surface.diffuse_on[0] ? terminator(c, light.offset) : 0;
@@ -78,7 +78,7 @@ template <class AnyLight>
 void addFibreSample(const AnyLight& light, const Ray& ray, const Surface& surface, uint32_t index, float weight,
                     Color3f accumulators[4]) {
   LightSample sample;
-  if (!sampleLight(light, surface, {index, ray.cursor.dimension, ray.cursor.scramble}, sample)) return;
+  if (!sampleLight(light, surface, decisionCursor(ray, index, decideLightPoint), sample)) return;
   const Vec3f l = sample.l;
   const ShaderHair& hair = hairOfShader(ray.hit.shader);
   const float d = surface.diffuse_on[0] ? pi * hairDiffuse(surface.view, l, surface.tangent) : 0;
@@ -114,9 +114,9 @@ void shadeWithLight(AnyLight& light, LobeRadiance& lobes, const Ray& ray, const 
     sampleOnce(ray.cursor.index, 1);
   } else {
     const int N = firstBounceSampleCount(surface, ray, light.sample);
-    const int P = passCount();
-    const float weight = float(P) / float(N);
-    for (int i = renderer.pass; i < N; i += P) sampleOnce(uint32_t(i), weight);
+    const float weight = float(passCount()) / float(N);
+    const PassShare share = passShare(N);
+    for (uint32_t j = 0; j < share.count; ++j) sampleOnce(share.index(j), weight);
   }
   finishDirectLight(accumulators, working, lobes, light.aovs, ray);
 }

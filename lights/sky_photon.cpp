@@ -7,19 +7,22 @@ void emitSkyPhoton(Ray& ray, uint64_t index) {
   Vec3f d;
   Color3f flux;
   if (sky.cells.empty()) {
-    sampleSphere(d, radicalInverse(index, 2), radicalInverse(index, 3));
+    float u1 = radicalInverse(index, 2), u2 = radicalInverse(index, 3);
+    emissionPair(index, decidePhotonDirection, u1, u2);
+    sampleSphere(d, u1, u2);
     flux = sky.flux * sky.color;
   } else {
     float u1, u2, p;
     int face, a, b;
     // Bases 2 and 3 are the first two dimensions.
-    samplePair({uint32_t(index), 0, ray.cursor.scramble}, u1, u2);
+    drawPair({uint32_t(index), 0, photonScramble()}, u1, u2);
     sampleSkyCell(u1, u2, face, a, b, p);
     d = skyCellDirection(face, float(a), float(b));
     flux = p >= 1e-8f ? sky.cells[skyCellIndex(face, a, b)] * sky.color * sky.flux / (p * float(skyCellCount)) : black;
   }
-  float x, y;
-  diskPoint(radicalInverse(index, 5), radicalInverse(index, 7), x, y);
+  float x, y, v1 = radicalInverse(index, 5), v2 = radicalInverse(index, 7);
+  emissionPair(index, decidePhotonOrigin, v1, v2);
+  diskPoint(v1, v2, x, y);
   Vec3f t, b;
   buildOrthonormalBasis(-d, t, b);
   ray.origin = sceneCenter + sceneRadius * (x * t + y * b + d);

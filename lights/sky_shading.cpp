@@ -22,7 +22,7 @@ void addSkySample(const Ray& ray, const Surface& surface, uint32_t index, float 
                   Color3f accumulators[4]) {
   float u1, u2, p;
   int face, a, b;
-  samplePair({index, ray.cursor.dimension, ray.cursor.scramble}, u1, u2);
+  drawPair(decisionCursor(ray, index, decideSkyCell), u1, u2);
   sampleSkyCell(u1, u2, face, a, b, p);
   // Only an all-black image gives a cell of no probability; it has nothing to give.
   if (!(p > 0)) return;
@@ -48,10 +48,10 @@ void shadeWithSky(LobeRadiance& lobes, const Ray& ray, const Surface& surface, b
   const uint32_t bounce = bounceIndex(ray);
   if (bounce == 0) {
     const int N = firstBounceSampleCount(surface, ray, sky.sample);
-    const int P = passCount();
-    const float weight = float(P) / float(N);
-    for (int i = renderer.pass; i < N; i += P)
-      addSkySample(ray, surface, uint32_t(i), weight, true, fibre, accumulators);
+    const float weight = float(passCount()) / float(N);
+    const PassShare share = passShare(N);
+    for (uint32_t j = 0; j < share.count; ++j)
+      addSkySample(ray, surface, share.index(j), weight, true, fibre, accumulators);
   } else if (bounce < uint32_t(renderer.bounce)) {
     addSkySample(ray, surface, ray.cursor.index, 1, false, fibre, accumulators);
   } else {

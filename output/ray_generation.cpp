@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "frame/sampling.h"
+#include "frame/sequence.h"
 #include "output/camera.h"
 
 namespace {
@@ -29,12 +29,12 @@ Vec3f toWorld(const CameraPose& pose, Vec3f v) {
 
 // The lens is a cone about the pinhole ray pivoting on the focus point, so the
 // surface in focus is a sphere about the eye.
-void applyBokeh(const CameraPose& pose, Ray& ray) {
+void applyBokeh(const CameraPose& pose, Ray& ray, float u1, float u2) {
   const Vec3f focus = pose.position + pose.focus_distance * ray.direction;
   Vec3f t1, t2;
   buildOrthonormalBasis(ray.direction, t1, t2);
-  const float phi = 2 * pi * uniformRandom();
-  const float cosTheta = 1 - (1 - std::cos(pose.bokeh * pi / 180)) * uniformRandom();
+  const float phi = 2 * pi * u1;
+  const float cosTheta = 1 - (1 - std::cos(pose.bokeh * pi / 180)) * u2;
   const float sinSquared = 1 - cosTheta * cosTheta;
   const float sinTheta = sinSquared > 0 ? std::sqrt(sinSquared) : 0;
   ray.direction = cosTheta * ray.direction + sinTheta * (std::cos(phi) * t1 + std::sin(phi) * t2);
@@ -91,16 +91,25 @@ void generatePixelSample(const Camera& camera, const CameraPose& pose, int x, in
   ray.cursor.index = ray.cursor.dimension = 0;
   ray.pixel = uint32_t(y) * uint32_t(camera.width) + uint32_t(x);
   ray.thread = uint32_t(omp_get_thread_num());
-  ray.cursor.scramble = ScrambleTable[y & 31][x & 31];
-
-  // Time is stratified by pass in two checkerboard half strata, rotated by the pixel's scramble.
-  const int checker = (x & 1) ^ (y & 1);
-  ray.time = ((float(checker) + uniformRandom()) * 0.5f + float(pass)) / S + float(ray.cursor.scramble) * 0x1p-32f;
-  if (ray.time > 1) ray.time -= 1;
-
-  // No pixel filter: a sample is spread uniformly over its own pixel only.
-  const float r1 = uniformRandom();
-  const float r2 = uniformRandom();
+  float r1, r2, lens1 = 0, lens2 = 0;
+  if (renderer.sampler == samplerRandom) {
+    ray.cursor.scramble = ScrambleTable[y & 31][x & 31];
+    // Time is stratified by pass in two checkerboard half strata, rotated by the pixel's scramble.
+    const int checker = (x & 1) ^ (y & 1);
+    ray.time = ((float(checker) + uniformRandom()) * 0.5f + float(pass)) / S + float(ray.cursor.scramble) * 0x1p-32f;
+    if (ray.time > 1) ray.time -= 1;
+    // No pixel filter: a sample is spread uniformly over its own pixel only.
+    r1 = uniformRandom();
+    r2 = uniformRandom();
+    if (pose.bokeh > 0) lens1 = uniformRandom(), lens2 = uniformRandom();
+  } else {
+    // The pass is the sample's index in the pixel's sequence.
+    ray.cursor = {uint32_t(pass), 0, pixelScramble(renderer.seed, ray.pixel)};
+    startLooseStream(ray.cursor.scramble, uint32_t(pass));
+    ray.time = sobolNumber({uint32_t(pass), decideTime, ray.cursor.scramble});
+    sobolPair({uint32_t(pass), decidePixel, ray.cursor.scramble}, r1, r2);
+    if (pose.bokeh > 0) sobolPair({uint32_t(pass), decideLens, ray.cursor.scramble}, lens1, lens2);
+  }
   const float W = float(camera.width), H = float(camera.height);
   if (camera.projection == 1) {
     const float u = ((float(x) + r1) / W) * 2 * pi - pi / 2;
@@ -113,5 +122,5 @@ void generatePixelSample(const Camera& camera, const CameraPose& pose, int x, in
   const float b = H / 2 - (float(y) + r2);
   ray.origin = pose.position;
   ray.direction = normalize(toWorld(pose, {a, pose.image_distance, b}));
-  if (pose.bokeh > 0) applyBokeh(pose, ray);
+  if (pose.bokeh > 0) applyBokeh(pose, ray, lens1, lens2);
 }

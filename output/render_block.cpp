@@ -1,6 +1,8 @@
 // The render block of scene files: renderer settings and the final-gather sub-block.
 #include "frame/renderer.h"
+#include "frame/report.h"
 #include "frame/scene_file.h"
+#include "frame/sequence.h"
 #include "output/render_loop.h"
 #include "shading/image.h"
 
@@ -16,7 +18,21 @@ void readFinalGatherBlock(std::istream& file) {
     else if (line.key == "radius") line.words >> renderer.radius;
   }
 }
+// The name stands bare or in quotes; an unknown one keeps the sampler as it was.
+void readSamplerKey(SceneLine& line) {
+  std::string name;
+  line.words >> name;
+  if (name.size() >= 2 && name.front() == '"' && name.back() == '"') name = name.substr(1, name.size() - 2);
+  if (!samplerByName(name, renderer.sampler)) printWarning("render - unknown sampler \"" + name + "\"");
+}
 }  // namespace
+
+bool samplerByName(const std::string& name, uint8_t& kind) {
+  if (name == "random") kind = samplerRandom;
+  else if (name == "sobol") kind = samplerSobol;
+  else return false;
+  return true;
+}
 
 void readRenderBlock(std::istream& file) {
   // A later render block discards an earlier one, but for the colours, gamma and exposure.
@@ -29,5 +45,9 @@ void readRenderBlock(std::istream& file) {
     else if (line.key == "exposure") line.words >> renderer.exposure;
     else if (line.key == "final_gather") readFinalGatherBlock(file);
     else if (line.key == "image_path") addImageSearchPath(readQuotedString(line));
+    else if (line.key == "seed") line.words >> renderer.seed;
+    else if (line.key == "noise_threshold") line.words >> renderer.noise_threshold;
+    else if (line.key == "min_passes") line.words >> renderer.min_passes;
+    else if (line.key == "sampler") readSamplerKey(line);
   }
 }

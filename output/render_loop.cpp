@@ -14,6 +14,7 @@
 #include "lights/gaffer.h"
 #include "lights/geometry_light.h"
 #include "lights/sky.h"
+#include "output/adaptive_sampling.h"
 #include "output/camera.h"
 #include "output/preview.h"
 #include "qz.h"
@@ -31,23 +32,30 @@ void runPass(std::vector<Color3f>* out) {
   const CameraPose pose = passPose(camera, pass);
   resetRayCounters();
   const int64_t start = clockNanoseconds();
-#pragma omp parallel for schedule(dynamic, 1)
+  // Only a whole pass into the beauty's running mean can tell a pixel's noise.
+  const bool adaptive = !out && adaptiveSampling();
+  int64_t active = 0;
+#pragma omp parallel for schedule(dynamic, 1) reduction(+ : active)
   for (int y = region.min_y; y < region.max_y; ++y) {
     for (int x = region.min_x; x < region.max_x; ++x) {
+      const int64_t p = int64_t(y) * camera.width + x;
+      if (adaptive && !pixelActive(p)) continue;
       Ray ray;
       generatePixelSample(camera, pose, x, y, pass, ray);
       Color3f L = black;
       if (ray.bounces < renderer.ray_depth) tracePath(L, ray);
       L = acceptSample(L);
-      const int64_t p = int64_t(y) * camera.width + x;
       if (out) {
         (*out)[size_t(int64_t(y - region.min_y) * columns + x - region.min_x)] = L;
         writePixel(beauty, readPixel(beauty, p) + L * share, p);
       } else {
-        writePixel(beauty, runningMean(readPixel(beauty, p), L, pass), p);
+        const Color3f mean = runningMean(readPixel(beauty, p), L, pass);
+        writePixel(beauty, mean, p);
+        if (adaptive) active += addToPixelNoise(p, mean, L, pass);
       }
     }
   }
+  if (adaptive) pixelNoise.active = active;
   renderer.elapsed += (clockNanoseconds() - start) / 1000;
   // The threads are let go between passes: what runs in between (the report,
   // the poses of moving geometry, the preview, the images) leaves the cores
@@ -57,11 +65,18 @@ void runPass(std::vector<Color3f>* out) {
 
 void closeRender(int64_t start) {
   Camera& camera = cameras[renderer.camera];
+  // Outputs that add a share of each planned pass are completed for the passes not made.
+  completeAOVs(camera.aovs, 1, camera.sample, renderer.pass);
+  completeAOVs(sky.aovs, 0, camera.sample, renderer.pass);
+  completeAOVs(geometryLight.aovs, 0, camera.sample, renderer.pass);
+  for (PointLight& light : pointLights) completeAOVs(light.aovs, 0, camera.sample, renderer.pass);
+  for (ParallelLight& light : parallelLights) completeAOVs(light.aovs, 0, camera.sample, renderer.pass);
   printRule();
   for (const CameraAOV& aov : camera.aovs) reportAOV(aov);
   printRule();
   // Whole milliseconds: the row shows what was done, never a rounded-up figure.
   printRow("rendering time", float((clockNanoseconds() - start) / 1000000) * 0.001f, "seconds", 3);
+  if (renderer.pass < camera.sample) printIntegerRow("rendering passes", renderer.pass, "n/a");
   printRule();
   for (const CameraAOV& aov : camera.aovs) saveImage(aov.image);
   // The lights' own outputs are written as they are finalised; the point and
@@ -70,6 +85,18 @@ void closeRender(int64_t start) {
   finalizeGeometryLight();
   freePointLights();
   freeParallelLights();
+  freePixelNoise();
+}
+
+bool closed = false;
+
+// Whether the render ends before its planned passes: every pixel has stopped,
+// or the time limit leaves no room for a pass as long as the mean one so far.
+bool endsEarly(int64_t start) {
+  if (adaptiveSampling() && pixelNoise.active == 0) return true;
+  if (!(renderer.time_limit > 0) || renderer.pass == 0) return false;
+  const double seconds = double(clockNanoseconds() - start) * 1e-9;
+  return seconds + seconds / renderer.pass > renderer.time_limit;
 }
 
 bool haveCamera() { return renderer.camera >= 0 && size_t(renderer.camera) < cameras.size(); }
@@ -97,18 +124,24 @@ void renderPixels(std::vector<Color3f>& out) {
 void progressiveStep() {
   // Taken once per process: a second render counts its time from the first.
   static const int64_t start = clockNanoseconds();
+  static int64_t renderStart = 0;
   const Camera& camera = cameras[renderer.camera];
-  if (renderer.pass < camera.sample) {
+  if (!closed && renderer.pass < camera.sample) {
     const int p = renderer.pass;
+    if (p == 0) renderStart = clockNanoseconds();
     renderer.elapsed = 0;
     renderPass();
     // An empty region can take no measurable time; its rate shows as 0.
     printProgress(int((double(p + 1) * 100.0) / camera.sample),
-                  float(totalRays()) / float(std::max<int64_t>(renderer.elapsed, 1)));
+                  float(totalRays()) / float(std::max<int64_t>(renderer.elapsed, 1)),
+                  adaptiveSampling() ? pixelNoise.active : -1);
     // Moving geometry takes the pose of the pass just finished, one pass behind the camera.
     updateMovingObjects();
     ++renderer.pass;
-    if (renderer.pass == camera.sample) closeRender(start);
+    if (renderer.pass == camera.sample || endsEarly(renderStart)) {
+      closeRender(start);
+      closed = true;
+    }
   }
   if (renderer.preview) {
     displayPreview();
@@ -120,12 +153,14 @@ void qzRender() {
   // A scene without a camera has nothing to render.
   if (!haveCamera()) return;
   renderer.pass = 0;
+  closed = false;
+  preparePixelNoise(cameras[renderer.camera]);
   if (renderer.preview) {
     runPreviewWindow();
     return;
   }
   guardAllocation("qzRender()", [] {
-    for (int i = 0; i < cameras[renderer.camera].sample; ++i) progressiveStep();
+    while (!closed && renderer.pass < cameras[renderer.camera].sample) progressiveStep();
   });
 }
 

@@ -2,7 +2,9 @@
 // and the beauty image is a valid image after every pass.
 #pragma once
 
+#include <cstdint>
 #include <istream>
+#include <string>
 #include <vector>
 
 #include "frame/vec.h"
@@ -21,3 +23,5 @@ Color3f acceptSample(Color3f L);
 // The running mean of pass p: (p old + L) / (p + 1).
 Color3f runningMean(Color3f old, Color3f L, int pass);
 void readRenderBlock(std::istream& file);
+// "random" or "sobol" into the sampler's number; false for any other name.
+bool samplerByName(const std::string& name, uint8_t& kind);

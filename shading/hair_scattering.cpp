@@ -243,11 +243,10 @@ int chooseHairLobe(const HairCandidates& candidates, float u2, Color3f& weight) 
   return chosen;
 }
 
-int sampleHair(const ShaderHair& hair, Vec3f& direction, Color3f& weight, float theta_o, const Frame& frame,
-               const Surface& surface) {
-  const float u0 = uniformRandom(), u1 = uniformRandom(), uc = uniformRandom(), u2 = uniformRandom();
-  const HairCandidates candidates = hairCandidates(hair, u0, u1, uc, theta_o, frame, surface);
-  const int lobe = chooseHairLobe(candidates, u2, weight);
+int sampleHair(const ShaderHair& hair, const float u[4], Vec3f& direction, Color3f& weight, float theta_o,
+               const Frame& frame, const Surface& surface) {
+  const HairCandidates candidates = hairCandidates(hair, u[0], u[1], u[2], theta_o, frame, surface);
+  const int lobe = chooseHairLobe(candidates, u[3], weight);
   direction = candidates.direction[lobe];
   return lobe;
 }

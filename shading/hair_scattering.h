@@ -83,6 +83,6 @@ HairCandidates hairCandidates(const ShaderHair& hair, float u0, float u1, float 
 // Picks lobe p with the chance of its mean attenuation among the three, by
 // walking u2 down; the weight is its attenuation over that chance.
 int chooseHairLobe(const HairCandidates& candidates, float u2, Color3f& weight);
-// Both, with hardware random numbers. Returns the lobe chosen.
-int sampleHair(const ShaderHair& hair, Vec3f& direction, Color3f& weight, float theta_o, const Frame& frame,
-               const Surface& surface);
+// Both, from the numbers u0, u1, uc and u2 in that order. Returns the lobe chosen.
+int sampleHair(const ShaderHair& hair, const float u[4], Vec3f& direction, Color3f& weight, float theta_o,
+               const Frame& frame, const Surface& surface);

@@ -10,7 +10,7 @@
 
 #include "frame/memory_budget.h"
 #include "frame/report.h"
-#include "frame/sampling.h"
+#include "frame/sequence.h"
 #include "qz.h"
 #include "shading/image_decode.h"
 
@@ -439,8 +439,8 @@ Color3f sampleImage(const Image& image, float u, float v, const TextureNode& nod
     c = (c00 * (1 - ax) + c10 * ax) * (1 - ay) + (c01 * (1 - ax) + c11 * ax) * ay;
   } else {
     if (node.pixel_sampler == PixelSampler::stochastic) {
-      if (uniformRandom() < fy - y) ++y;
-      if (uniformRandom() < fx - x) ++x;
+      if (drawLoose() < fy - y) ++y;
+      if (drawLoose() < fx - x) ++x;
     }
     c = applyGamma(texel(x, y), node.gamma);
   }

@@ -13,10 +13,10 @@
 namespace {
 constexpr float pi = 3.14159265f;
 
-// A point of the sphere of radius r about the centre, from two hardware numbers.
+// A point of the sphere of radius r about the centre.
 Vec3f pointOnSphere(Vec3f centre, float r) {
   Vec3f d;
-  const float u1 = uniformRandom(), u2 = uniformRandom();
+  const float u1 = drawLoose(), u2 = drawLoose();
   sampleSphere(d, u1, u2);
   return centre + r * d;
 }
@@ -28,7 +28,7 @@ float gauss(float v) { return std::exp(0.0f / (-2 * v)) / std::sqrt(2 * pi * v);
 
 bool jitterDiffuse(const Ray& ray, const Surface& surface, Surface& jittered, Hit& jitteredHit, Color3f& weight) {
   const float largest = maxComponent(surface.jitter);
-  const float R = uniformRandom() * largest;
+  const float R = drawLoose() * largest;
   const Vec3f p1 = pointOnSphere(surface.position, R);
   const Vec3f p2 = pointOnSphere(surface.position, R);
 

@@ -43,7 +43,7 @@ float smithG1(const Surface& s, int lobe, Vec3f half, Vec3f direction) {
 bool sampleVisibleNormal(const Surface& s, int lobe, const SampleCursor& sample, Vec3f v, Vec3f& half) {
   const LobeWidth& alpha = s.alpha[lobe];
   float u1, u2;
-  samplePair(sample, u1, u2);
+  drawPair(sample, u1, u2);
   // In the stretched space the distribution is the one of unit width that the tables hold.
   Vec3f stretched = normalize({alpha.u * v.x, alpha.v * v.y, v.z});
   float theta = 0, phi = 0;

@@ -3,7 +3,7 @@
 // transmission, and picks the surface's alpha of that index.
 #pragma once
 
-#include "frame/sampling.h"
+#include "frame/sequence.h"
 #include "frame/vec.h"
 #include "shading/surface.h"
 

@@ -31,7 +31,7 @@ void concentricDisk(float u1, float u2, float& r, float& phi) {
 // Disk point lifted to the hemisphere; side is +1 above the normal, -1 below.
 Vec3f liftDisk(const Frame& frame, const SampleCursor& sample, float side) {
   float u1, u2, r, phi;
-  samplePair(sample, u1, u2);
+  drawPair(sample, u1, u2);
   concentricDisk(u1, u2, r, phi);
   float height = std::sqrt(std::fmax(1 - r * r, 0.0f));
   return r * std::cos(phi) * frame.tangent + r * std::sin(phi) * frame.bitangent + side * height * frame.normal;
@@ -55,7 +55,7 @@ void sampleSphere(Vec3f& direction, float u1, float u2) {
 
 void sampleCone(Vec3f& direction, const Frame& frame, const SampleCursor& sample, float cos_max) {
   float u1, u2;
-  samplePair(sample, u1, u2);
+  drawPair(sample, u1, u2);
   float phi = 2 * pi * u1;
   float c = 1 - (1 - cos_max) * u2;
   float s = std::sqrt(1 - c * c);

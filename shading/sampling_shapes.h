@@ -2,7 +2,7 @@
 // The samplers with a cursor draw its low-discrepancy pair.
 #pragma once
 
-#include "frame/sampling.h"
+#include "frame/sequence.h"
 #include "frame/vec.h"
 #include "shading/surface.h"
 

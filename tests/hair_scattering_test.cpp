@@ -234,7 +234,8 @@ TEST(HairModel, AWidthOfZeroStaysFinite) {
   surface.hair_h = 1;
   Vec3f d;
   Color3f weight;
-  sampleHair(shader.hair, d, weight, -0.2f, hairFrame(axis, surface.view), surface);
+  const float u[4] = {0.3f, 0.7f, 0.2f, 0.9f};
+  sampleHair(shader.hair, u, d, weight, -0.2f, hairFrame(axis, surface.view), surface);
   EXPECT_NEAR(length(d), 1, 1e-5f);
   EXPECT_TRUE(std::isfinite(weight.r) && std::isfinite(weight.g) && std::isfinite(weight.b));
 }

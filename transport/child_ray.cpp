@@ -13,7 +13,10 @@ LobeSamples lobeSamples(const Ray& ray, Color3f T) {
   const float wanted = (T.r + T.g + T.b) * 0.33333334f * float(sample);
   int n = std::max(int(std::fmax(std::fmin(wanted, float(sample)), 0.0f)), S);
   n -= n % S;
-  return {uint32_t(renderer.pass), uint32_t(S), uint32_t(n), uint32_t(n / S)};
+  const uint32_t k = uint32_t(n / S);
+  if (renderer.sampler == samplerRandom) return {uint32_t(renderer.pass), uint32_t(S), uint32_t(n), k};
+  const uint32_t first = uint32_t(renderer.pass) * k;
+  return {first, 1, first + k, k};
 }
 
 void leavePrimitive(Ray& child, const Hit& hit) {

@@ -22,7 +22,8 @@ struct LobeSamples {
 };
 
 // At bounce index 0 the share of this pass of a budget that grows with the
-// colour T; above it one sample with the ray's own index.
+// colour T (dealt round the passes, or in the sobol sampler the pass's own run
+// of k indices); above it one sample with the ray's own index.
 LobeSamples lobeSamples(const Ray& ray, Color3f T);
 
 // A child leaving `surface` by `event`, as sample `index` standing for k
@@ -33,7 +34,7 @@ Ray childRay(const Ray& parent, const Surface& surface, uint8_t event, uint32_t 
 void leavePrimitive(Ray& child, const Hit& hit);
 // The child's radiance, or black when it would lie beyond the depth limit.
 Color3f traceChild(const Ray& parent, Ray& child);
-// The sample cursor of a lobe's sample `index` at the parent's dimension.
-inline SampleCursor lobeCursor(const Ray& ray, uint32_t index) {
-  return {index, ray.cursor.dimension, ray.cursor.scramble};
+// The sample cursor of sample `index` of the lobe that leaves by `event`.
+inline SampleCursor lobeCursor(const Ray& ray, uint32_t index, uint8_t event) {
+  return decisionCursor(ray, index, event);
 }

@@ -11,6 +11,7 @@
 #include "frame/report.h"
 #include "geometry/scene_assembly.h"
 #include "shading/shader.h"
+#include "transport/photon.h"
 
 namespace {
 constexpr int largestGrid = 255;
@@ -138,8 +139,12 @@ void addPatchPower(const Ray& ray, Color3f power) {
   const float area = triangle ? triangleArea(mesh, ray.hit.primitive) : tetragonArea(mesh, ray.hit.primitive);
   const float n = float((triangle ? mesh.triangle_grid : mesh.tetragon_grid)[ray.hit.primitive]);
   if (!(area > 0)) return;
-  // Power over the patch's area; threads add without a lock and may lose an update now and then.
-  *patch += power * (1 / area) * (n * n);
+  // Power over the patch's area.
+  const Color3f density = power * (1 / area) * (n * n);
+  if (photonBatch)
+    photonBatch->patches.emplace_back(patch, density);
+  else
+    *patch += density;
 }
 
 Color3f readPatch(const Ray& ray) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "accel/primitive_bounds.h"
@@ -44,6 +45,17 @@ struct PhotonStore {
 };
 
 extern PhotonStore photonStore;
+
+// What a block of photons leaves behind, held back so that the blocks land in
+// the order of their photons whatever thread traced them: the store and the
+// patches come out the same on any number of threads.
+struct PhotonBatch {
+  std::vector<Photon> photons;
+  std::vector<std::pair<Color3f*, Color3f>> patches;  // power for each patch, in the order it arrived
+};
+// The batch of the calling thread while it traces a block; null elsewhere,
+// where photons and patch power land at once.
+extern thread_local PhotonBatch* photonBatch;
 
 // The 32 nearest photons of the last camera hit of each thread bound the
 // search at the next one; a radius of `infinity` means nothing is known.

@@ -14,24 +14,50 @@
 #include "transport/photon.h"
 #include "transport/thread_stack.h"
 
+thread_local PhotonBatch* photonBatch = nullptr;
+
 namespace {
-// One light's photons 0 to count - 1, each filled by `emit`.
+// Photons first to end - 1 of a count, traced into the thread's batch.
+template <typename Emit>
+void traceBlock(int64_t first, int64_t end, const LightLink& link, Emit& emit, PhotonBatch& batch) {
+  photonBatch = &batch;
+  for (int64_t i = first; i < end; ++i) {
+    Ray ray;
+    emit(ray, uint64_t(i));
+    if (maxComponent(ray.throughput) > 0 && int(ray.bounces) < photonDepthLimit()) tracePhoton(ray, link);
+  }
+  photonBatch = nullptr;
+}
+
+// A block's photons and patch power, added in the blocks' order, with the
+// progress line of every hundredth of the count that the block holds.
+void landBlock(const PhotonBatch& batch, int64_t first, int64_t end, int64_t count) {
+  photonStore.photons.insert(photonStore.photons.end(), batch.photons.begin(), batch.photons.end());
+  for (const auto& [patch, power] : batch.patches) *patch += power;
+  // With fewer than 100 photons the step is 0, and only photon 0 is its multiple.
+  const int64_t step = count / 100;
+  for (int64_t i = first; i < end; ++i)
+    if (step == 0 ? i == 0 : i % step == 0)
+      std::cout << "photon   cast " << std::fixed << std::setprecision(3) << float(100 * i) / float(count) << " [%]\r"
+                << std::flush;
+}
+
+// One light's photons 0 to count - 1, each filled by `emit`, in blocks that
+// threads trace side by side and that land one after the other.
 template <typename Emit>
 void castFrom(int64_t count, const LightLink& link, Emit emit) {
   resetRayCounters();
   const int64_t start = clockNanoseconds();
-  const int64_t step = count / 100;
-#pragma omp parallel for schedule(dynamic, 1)
-  for (int64_t i = 0; i < count; ++i) {
-    Ray ray;
-    emit(ray, uint64_t(i));
-    if (maxComponent(ray.throughput) > 0 && int(ray.bounces) < photonDepthLimit()) tracePhoton(ray, link);
-    // With fewer than 100 photons the step is 0, and only photon 0 is its multiple.
-    if (step == 0 ? i == 0 : i % step == 0) {
+  constexpr int64_t block = 1024;
+  const int64_t blocks = count / block + (count % block != 0);
+#pragma omp parallel for ordered schedule(dynamic, 1)
+  for (int64_t b = 0; b < blocks; ++b) {
+    const int64_t first = b * block, end = std::min(count, first + block);
+    PhotonBatch batch;
+    traceBlock(first, end, link, emit, batch);
+#pragma omp ordered
 #pragma omp critical(photonStore)
-      std::cout << "photon   cast " << std::fixed << std::setprecision(3) << float(100 * i) / float(count) << " [%]\r"
-                << std::flush;
-    }
+    landBlock(batch, first, end, count);
   }
   const int64_t microseconds = std::max<int64_t>((clockNanoseconds() - start) / 1000, 1);
   printRow("photon   cast", float(closestRays()) / float(microseconds), "M rays/s");

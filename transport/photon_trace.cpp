@@ -36,6 +36,10 @@ void storeCaustic(const Ray& ray, const Surface& surface) {
   encodePower(ray.weight * ray.throughput, photon.power);
   photon.direction = packUnitVector(surface.view);
   photon.geometric = packUnitVector(surface.geometric_normal);
+  if (photonBatch) {
+    photonBatch->photons.push_back(photon);
+    return;
+  }
 #pragma omp critical(photonStore)
   photonStore.photons.push_back(photon);
 }

@@ -24,9 +24,9 @@ Color3f diffuseLobe(const Ray& ray, const Surface& surface, Color3f C, int lobe)
     }
     Vec3f d;
     if (lobe == 0)
-      sampleHemisphere(d, frameOf(*from), lobeCursor(ray, i));
+      sampleHemisphere(d, frameOf(*from), lobeCursor(ray, i, diffuseReflectionEvent));
     else
-      sampleLowerHemisphere(d, frameOf(*from), lobeCursor(ray, i));
+      sampleLowerHemisphere(d, frameOf(*from), lobeCursor(ray, i, diffuseTransmissionEvent));
     const float side = dot(d, from->geometric_normal);
     if (lobe == 0 ? !(side > 0) : !(side < 0)) continue;
     Ray child = childRay(ray, *from, lobe == 0 ? diffuseReflectionEvent : diffuseTransmissionEvent, i, samples.k);
@@ -67,7 +67,7 @@ void shadeHairLambertian(LobeRadiance& lobes, const Ray& ray, Surface& surface) 
   for (uint32_t i = samples.first; i < samples.end; i += samples.step) {
     Ray child = childRay(ray, surface, diffuseReflectionEvent, i, samples.k);
     // A fibre has no inside: every direction about the turned normal counts.
-    sampleHemisphere(child.direction, frameOf(surface), lobeCursor(ray, i));
+    sampleHemisphere(child.direction, frameOf(surface), lobeCursor(ray, i, diffuseReflectionEvent));
     child.throughput = C;
     sum += traceChild(ray, child);
   }

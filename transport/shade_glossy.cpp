@@ -10,10 +10,10 @@ namespace {
 // add to the two sums, each weighted by its lobe colour.
 void glossySample(const Ray& ray, const Surface& surface, Vec3f localView, uint32_t index, uint32_t k,
                   Color3f sums[2]) {
-  const SampleCursor cursor = lobeCursor(ray, index);
   for (int lobe : {1, 0}) {
     Vec3f d;
     float w;
+    const SampleCursor cursor = lobeCursor(ray, index, lobe == 0 ? glossyReflectionEvent : glossyTransmissionEvent);
     // Only the first bounce renormalises the mirrored direction.
     if (!sampleGlossyLobe(surface, lobe, cursor, localView, ray.direction, bounceIndex(ray) == 0, d, w)) continue;
     Ray child = childRay(ray, surface, lobe == 0 ? glossyReflectionEvent : glossyTransmissionEvent, index, k);

@@ -18,7 +18,10 @@ void shadeHairGlossy(LobeRadiance& lobes, const Ray& ray, const Shader& shader, 
   for (uint32_t i = samples.first; i < samples.end; i += samples.step) {
     Ray child = childRay(ray, surface, glossyReflectionEvent, i, samples.k);
     Color3f weight;
-    surface.hair_lobe = uint8_t(sampleHair(shader.hair, child.direction, weight, thetaO, frame, surface));
+    float u[4];
+    drawTwo(decisionCursor(ray, i, decideHairLobe), u[0], u[1]);
+    drawTwo(decisionCursor(ray, i, decideHairChoice), u[2], u[3]);
+    surface.hair_lobe = uint8_t(sampleHair(shader.hair, u, child.direction, weight, thetaO, frame, surface));
     const Color3f w = weight * surface.glossy[0];
     child.throughput = w * ray.throughput;
     sum += w * traceChild(ray, child);

@@ -1,0 +1,173 @@
+// How fast each sampler converges: RMSE against a high-sample reference and
+// the processor time taken, at 4, 16, 64 and 256 passes, runs of the two
+// samplers interleaved; then the slope of log RMSE against log time, the time
+// each needs to reach the random sampler's RMSE at 256 passes, and the same
+// for a noise threshold against plain passes. References are rendered once
+// (sobol, another seed) and cached beside the binary.
+//
+//   cmake -S . -B build -G Ninja -DQZ_BENCH=ON && ninja -C build convergence_bench
+//   build/bench/convergence_bench [width] [reference passes] [scene name...]
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "frame/report.h"
+#include "output/camera.h"
+#include "qz.h"
+
+namespace {
+struct Setup {
+  const char* name;
+  const char* scene;
+  int rayDepth;  // 0: the scene's own; 1: direct light only
+  int bounce;    // 0: the scene's own
+};
+
+struct Render {
+  std::vector<float> pixels;
+  double seconds = 0;  // processor time of preparation and passes, all threads
+};
+
+Render render(const Setup& setup, int width, int passes, int sampler, unsigned seed, float threshold = 0) {
+  std::ostringstream quiet;
+  std::streambuf* out = std::cout.rdbuf(quiet.rdbuf());
+  qzStartup();
+  qzLoadScene((std::string(QZ_SCENE_DIR) + "/" + setup.scene + "/").c_str());
+  if (setup.rayDepth) qzSetRendererRayDepth(setup.rayDepth);
+  if (setup.bounce) {
+    // The noise compared is that of traced bounces, not of the patches.
+    qzSetRendererResolution(0);
+    qzSetRendererBounce(setup.bounce);
+  }
+  int w = 0, h = 0;
+  qzGetCameraResolution(0, &w, &h);
+  qzSetCameraResolution(0, width, std::max(1, int(std::lround(double(width) * h / std::max(w, 1)))));
+  qzSetCameraSample(0, passes);
+  qzSetCameraAOVName(0, 0, "");  // kept in memory
+  qzSetRendererSampler(sampler);
+  qzSetRendererSeed(seed);
+  qzSetRendererNoiseThreshold(threshold);
+  Render r;
+  const int64_t start = processorMilliseconds();
+  qzInitialize();
+  qzRender();
+  r.seconds = double(processorMilliseconds() - start) * 1e-3;
+  r.pixels = cameras[0].aovs[0].image.floats;
+  qzFinalize();
+  qzShutdown();
+  std::cout.rdbuf(out);
+  return r;
+}
+
+Render reference(const Setup& setup, int width, int passes) {
+  const std::filesystem::path cache = std::filesystem::path("convergence-cache") /
+                                      (std::string(setup.name) + "-" + std::to_string(width) + "-" +
+                                       std::to_string(passes) + ".f32");
+  Render r;
+  if (std::ifstream in{cache, std::ios::binary}) {
+    in.seekg(0, std::ios::end);
+    r.pixels.resize(size_t(in.tellg()) / sizeof(float));
+    in.seekg(0);
+    in.read(reinterpret_cast<char*>(r.pixels.data()), std::streamsize(r.pixels.size() * sizeof(float)));
+    return r;
+  }
+  r = render(setup, width, passes, 1, 987654321);
+  std::filesystem::create_directories(cache.parent_path());
+  std::ofstream(cache, std::ios::binary)
+      .write(reinterpret_cast<const char*>(r.pixels.data()), std::streamsize(r.pixels.size() * sizeof(float)));
+  std::printf("  reference rendered in %.0f s, cached as %s\n", r.seconds, cache.c_str());
+  return r;
+}
+
+// Values as a display shows them, clipped at 1, so that lamps seen directly
+// do not outweigh the lit scene.
+double shown(float v) { return std::clamp(double(v), 0.0, 1.0); }
+
+double rmse(const std::vector<float>& a, const std::vector<float>& b) {
+  double sum = 0;
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i) sum += (shown(a[i]) - shown(b[i])) * (shown(a[i]) - shown(b[i]));
+  return std::sqrt(sum / double(std::max<size_t>(a.size(), 1)));
+}
+
+struct Point {
+  double seconds, error;
+};
+
+// Least-squares slope of log error against log time.
+double slope(const std::vector<Point>& curve) {
+  double sx = 0, sy = 0, sxx = 0, sxy = 0;
+  const double n = double(curve.size());
+  for (const Point& p : curve) {
+    const double x = std::log(p.seconds), y = std::log(p.error);
+    sx += x, sy += y, sxx += x * x, sxy += x * y;
+  }
+  return (n * sxy - sx * sy) / (n * sxx - sx * sx);
+}
+
+// The time at which a curve reaches `error`: log-log interpolation between
+// the points around it, or the fitted slope past the last one.
+double timeToReach(const std::vector<Point>& curve, double error) {
+  for (size_t i = 1; i < curve.size(); ++i) {
+    const Point& a = curve[i - 1];
+    const Point& b = curve[i];
+    if (b.error <= error && a.error >= error) {
+      const double t = std::log(error / a.error) / std::log(b.error / a.error);
+      return a.seconds * std::pow(b.seconds / a.seconds, t);
+    }
+  }
+  if (error < curve.back().error) return curve.back().seconds * std::pow(error / curve.back().error, 1 / slope(curve));
+  return curve.front().seconds * std::pow(error / curve.front().error, 1 / slope(curve));
+}
+
+void bench(const Setup& setup, int width, int referencePasses) {
+  std::printf("%s (%s), %d pixels wide\n", setup.name, setup.scene, width);
+  const Render truth = reference(setup, width, referencePasses);
+  const int counts[] = {4, 16, 64, 256};
+  std::vector<Point> curves[2];
+  std::printf("  %6s  %22s  %22s  %s\n", "passes", "random: s / rmse", "sobol: s / rmse", "time per pass sobol/random");
+  for (int passes : counts) {
+    Render r[2];
+    for (int sampler : {0, 1}) r[sampler] = render(setup, width, passes, sampler, 1);
+    for (int sampler : {0, 1}) curves[sampler].push_back({r[sampler].seconds, rmse(r[sampler].pixels, truth.pixels)});
+    std::printf("  %6d  %10.2f / %9.5f  %10.2f / %9.5f  %.3f\n", passes, r[0].seconds, curves[0].back().error,
+                r[1].seconds, curves[1].back().error, r[1].seconds / r[0].seconds);
+  }
+  const double target = curves[0].back().error;
+  std::printf("  slope of log rmse against log time: random %.2f, sobol %.2f\n", slope(curves[0]), slope(curves[1]));
+  std::printf("  time to random's rmse at 256 passes (%.5f): random %.2f s, sobol %.2f s: %.1fx shorter\n", target,
+              curves[0].back().seconds, timeToReach(curves[1], target),
+              curves[0].back().seconds / timeToReach(curves[1], target));
+  // The noise threshold, up to 256 passes, against the plain sobol passes.
+  for (float threshold : {0.2f, 0.1f, 0.05f}) {
+    const Render a = render(setup, width, 256, 1, 1, threshold);
+    const double e = rmse(a.pixels, truth.pixels), plain = timeToReach(curves[1], e);
+    std::printf("  noise threshold %.2f: %.2f s, rmse %.5f; plain passes reach it in %.2f s: %.2fx the time\n",
+                threshold, a.seconds, e, plain, plain / a.seconds);
+  }
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // each figure as it comes, also into a file
+  const int width = argc > 1 ? std::max(std::atoi(argv[1]), 8) : 128;
+  const int referencePasses = argc > 2 ? std::max(std::atoi(argv[2]), 256) : 2048;
+  const Setup setups[] = {{"cornell-direct", "cornell-box", 1, 1},
+                          {"cornell-bounces", "cornell-box", 6, 4},
+                          {"bunny", "bunny", 0, 0},
+                          {"materials", "materials", 0, 0},
+                          {"hair", "hair", 0, 0}};
+  std::printf("RMSE of display values against a %d-pass reference; times are processor seconds\n", referencePasses);
+  for (const Setup& setup : setups) {
+    bool wanted = argc <= 3;
+    for (int i = 3; i < argc; ++i) wanted |= std::string(argv[i]) == setup.name;
+    if (wanted) bench(setup, width, referencePasses);
+  }
+  return 0;
+}

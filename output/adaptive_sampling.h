@@ -1,0 +1,36 @@
+// Adaptive sampling: beside each beauty pixel's running mean, the running mean
+// of its squared samples, from which the pixel's noise is judged; a pixel
+// whose mean is known well enough stops taking passes and keeps its value.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "frame/vec.h"
+#include "output/camera.h"
+
+struct PixelNoise {
+  std::vector<float> second_moment;  // running mean of the squared channel mean of each sample
+  std::vector<uint16_t> passes;      // passes each pixel took
+  std::vector<uint8_t> stopped;      // 1 once a pixel takes no more passes
+  int64_t active = 0;                // pixels of the region still taking passes
+};
+
+extern PixelNoise pixelNoise;
+
+// Sizes the buffers for the camera when a noise threshold is set, and clears them.
+void preparePixelNoise(const Camera& camera);
+void freePixelNoise();
+bool adaptiveSampling();
+inline bool pixelActive(int64_t p) { return !adaptiveSampling() || !pixelNoise.stopped[size_t(p)]; }
+// The relative standard error of a mean of n samples whose mean is m and
+// whose squares have the mean m2. Below a mean of 0.01 the error is taken
+// against 0.01, so that nearly black pixels are not chased for ever.
+float relativeError(float m, float m2, int n);
+// Counts sample L of pass `pass` into pixel p's noise; false once the pixel is
+// done: its relative error is below the threshold after the minimum of passes.
+bool addToPixelNoise(int64_t p, Color3f mean, Color3f L, int pass);
+// After a render that ended early, or pixels that stopped early, the outputs
+// that add up a share of every pass (all but the beauty, and the lights')
+// are scaled up to what the planned passes would have given.
+void completeAOVs(std::vector<CameraAOV>& aovs, size_t first, int planned, int passes);
