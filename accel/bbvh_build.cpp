@@ -427,7 +427,9 @@ void buildBinaryTree(Object& object) {
     // Every leaf holds a primitive, so a tree has fewer than twice as many nodes.
     records.assign(2 * entries.size(), BuildRecord{});
     Subtrees subtrees{records, entries.data()};
-#pragma omp parallel
+    // No task splits off below two left sides' worth, and waking the team
+    // costs a small object far more than its build.
+#pragma omp parallel if (entries.size() >= 2048)
 #pragma omp single
     buildSubtree(root, 0, subtrees);
     records.resize(subtrees.nodeCount);

@@ -231,6 +231,8 @@ void restructureTree(Object& object) {
     std::vector<uint32_t>& list = depthLists[d];
     std::erase_if(list, [&](uint32_t node) { return leaves[node] < treeletLeaves; });
     const int count = int(list.size());
+    // Even a loop kept on one thread touches the team: small trees skip it.
+    if (count == 0) continue;
     // Short lists are not worth waking the other threads for; chunks shrink
     // so that a thread held back by the system does not hold the others.
 #pragma omp parallel for schedule(guided) if (count >= 64)

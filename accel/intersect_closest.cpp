@@ -36,7 +36,10 @@ bool walkClosest(const Object& object, Ray& ray);
 template <bool probe>
 bool enterInstance(const Object& object, uint32_t i, Ray& ray) {
   const Instance& placement = object.instances[i];
-  if (uint32_t(placement.object) >= objects.size()) return false;
+  // Too deep or too many: the walk's stack and its time are bounded.
+  if (uint32_t(placement.object) >= objects.size() || ray.instance_depth + 1 >= maxPlacementDepth ||
+      ++ray.placements_entered > maxPlacementsPerWalk)
+    return false;
   const Object& placed = objects[placement.object];
   const SavedFrame saved = enterPlacement(ray, placement, probe);
   ray.instance_depth += 1;

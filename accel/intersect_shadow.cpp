@@ -16,7 +16,10 @@ constexpr uint64_t rootReference = uint64_t(0xFF) << 32;
 
 void enterShadowInstance(const Object& object, uint32_t i, Ray& ray) {
   const Instance& placement = object.instances[i];
-  if (uint32_t(placement.object) >= objects.size()) return;
+  // Too deep or too many: the walk's stack and its time are bounded.
+  if (uint32_t(placement.object) >= objects.size() || ray.instance_depth + 1 >= maxPlacementDepth ||
+      ++ray.placements_entered > maxPlacementsPerWalk)
+    return;
   const Object& placed = objects[placement.object];
   const SavedFrame saved = enterPlacement(ray, placement, false);
   ray.instance_depth += 1;

@@ -52,7 +52,10 @@ Box transformBox(const Matrix4f& matrix, Vec3f min, Vec3f max) {
   Box box;
   for (int corner = 0; corner < 8; ++corner) {
     Vec3f p{corner & 1 ? max.x : min.x, corner & 2 ? max.y : min.y, corner & 4 ? max.z : min.z};
+    // A matrix that is not affine can send a corner to infinity or to NaN:
+    // infinities are held to the largest float, NaN corners are left out.
     p = transformPoint(matrix, p);
+    for (int axis = 0; axis < 3; ++axis) p[axis] = std::clamp(p[axis], -infinity, infinity);
     growBox(box, p, p);
   }
   return box;
@@ -60,6 +63,8 @@ Box transformBox(const Matrix4f& matrix, Vec3f min, Vec3f max) {
 
 Box instanceBox(const Instance& instance) {
   const Object& placed = objects[instance.object];
+  // An empty object has an inverted box, which a scaling matrix would not keep inverted.
+  if (!(placed.boundsMin.x <= placed.boundsMax.x)) return Box{};
   return transformBox(instance.matrix, placed.boundsMin, placed.boundsMax);
 }
 

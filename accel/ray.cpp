@@ -18,6 +18,7 @@ void startAtRoot(Ray& ray) {
   ray.instance = nullptr;
   ray.instance_id = 0;
   ray.instance_depth = 0;
+  ray.placements_entered = 0;
   updateInverseDirection(ray);
 }
 }  // namespace

@@ -47,6 +47,7 @@ struct Ray {
   const Instance* instance = nullptr;  // placement being walked; null at the root
   uint32_t instance_id = 0;
   uint32_t instance_depth = 0;
+  uint32_t placements_entered = 0;  // by this walk from the root, against graphs that multiply
   // Where the primitive this ray left lies, so that it is not hit again.
   const Instance* prev_instance = nullptr;
   const Object* prev_object = nullptr;

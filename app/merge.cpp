@@ -1,8 +1,14 @@
 #include "app/merge.h"
 
 #include <FreeImage.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +17,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app/display_png.h"
@@ -122,10 +129,38 @@ void checkFit(const std::vector<Tile>& tiles, std::vector<std::string>& problems
       if (!tile.images.count(image)) problems.push_back(name(tile) + " has no " + image);
 }
 
+// Whether the image library decodes the file whole, asked of a child process
+// with a time limit: a malformed tile crashes or hangs the child, not the merge.
+bool decodesInChild(const std::string& path, FREE_IMAGE_FORMAT format) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const int null = open("/dev/null", O_WRONLY);
+    if (null >= 0) dup2(null, STDOUT_FILENO), dup2(null, STDERR_FILENO);
+    _exit(FreeImage_Load(format, path.c_str(), 0) ? 0 : 1);
+  }
+  // No process to spare: the file is loaded unguarded, as it always was.
+  if (child < 0) return true;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  for (;;) {
+    int status = 0;
+    const pid_t done = waitpid(child, &status, WNOHANG);
+    if (done == child) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (done < 0 && errno != EINTR) return false;
+    if (std::chrono::steady_clock::now() > deadline) {
+      kill(child, SIGKILL);
+      while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+      }
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
 FIBITMAP* loadTileImage(const Tile& tile, const std::string& image, int flags) {
   const std::string path = (fs::path(tile.folder) / image).string();
   const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
-  return format == FIF_UNKNOWN ? nullptr : FreeImage_Load(format, path.c_str(), flags);
+  if (format == FIF_UNKNOWN || !decodesInChild(path, format)) return nullptr;
+  return FreeImage_Load(format, path.c_str(), flags);
 }
 
 // Every tile's copy of every image must be the whole frame, stored alike; the

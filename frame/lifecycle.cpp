@@ -54,14 +54,16 @@ void qzStartup() {
 }
 
 void qzInitialize() {
-  qzInitializeAccelerator();
-  qzInitializeCameras();
-  loadImages();
-  qzInitializeShaders();
-  prepareSky();
-  prepareGeometryLight();
-  prepareGaffer();
-  qzInitializeRenderer();
+  guardAllocation("qzInitialize()", [] {
+    qzInitializeAccelerator();
+    qzInitializeCameras();
+    loadImages();
+    qzInitializeShaders();
+    prepareSky();
+    prepareGeometryLight();
+    prepareGaffer();
+    qzInitializeRenderer();
+  });
 }
 
 void qzFinalize() {

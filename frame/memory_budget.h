@@ -4,5 +4,6 @@
 #pragma once
 
 // True when `bytes` (a double, so that products of sizes cannot overflow) fit
-// in the physical memory of the machine.
+// in the memory the process may have: the least of the machine's physical
+// memory, its address space limit and its control group's limit.
 bool fitsInMemory(double bytes);

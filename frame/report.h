@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <new>
 #include <string>
 
 void printRule();
@@ -17,6 +18,18 @@ void printVec3Value(float x, float y, float z);
 void printProgress(int percent, float raysPerMicrosecond, int64_t activePixels = -1);
 void printWarning(const std::string& message);
 void printError(const std::string& message);
+
+// Runs an export's work. An allocation that fails ends that work with the
+// error line "<name> - out of memory" rather than the process; what was made
+// before it stays.
+template <typename Work>
+void guardAllocation(const char* name, Work work) {
+  try {
+    work();
+  } catch (const std::bad_alloc&) {
+    printError(std::string(name) + " - out of memory");
+  }
+}
 void printBytesRow(const std::string& name, int64_t bytes);
 
 // Monotonic high-resolution clock in nanoseconds.

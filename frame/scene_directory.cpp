@@ -44,6 +44,7 @@ bool dispatchBlock(const std::string& keyword, std::istream& file) {
 }
 
 void readSceneFile(const std::string& path) {
+  if (!isRegularFile(path)) return;
   std::ifstream file(path);
   if (!file) return;
   std::string text;
@@ -64,7 +65,9 @@ void qzLoadScene(const char* directory) {
   geometrySearchPaths = {d + "geometry", d, std::string()};
   sceneDirectory = d;
   int64_t start = processorMilliseconds();
-  for (const char* folder : {"/shader", "/render", "/light", "/camera", "/geometry"}) readSceneFolder(d + folder);
+  guardAllocation("qzLoadScene()", [&] {
+    for (const char* folder : {"/shader", "/render", "/light", "/camera", "/geometry"}) readSceneFolder(d + folder);
+  });
   printRow("scene loading", float(processorMilliseconds() - start) * 0.001f, "seconds", 3);
   printRule();
 }

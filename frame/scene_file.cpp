@@ -3,14 +3,31 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <vector>
 
+#include "frame/report.h"
+
 bool readLine(std::istream& file, std::string& text) {
-  if (!std::getline(file, text)) return false;
-  // Lines keep to the 4095 characters of the reader's buffer; CRLF files read as LF files.
-  if (text.size() > 4095) text.resize(4095);
+  // Lines keep to the 4095 characters of the reader's buffer, cut while they
+  // are read: a file of one endless line holds no more than that.
+  char buffer[4096];
+  file.getline(buffer, sizeof buffer);
+  const std::streamsize stored = file.gcount() - (file.good() ? 1 : 0);
+  if (file.fail()) {
+    if (stored == 0) return false;
+    file.clear();
+    file.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+  }
+  text.assign(buffer, size_t(stored));
+  // CRLF files read as LF files.
   if (!text.empty() && text.back() == '\r') text.pop_back();
   return true;
+}
+
+bool isRegularFile(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::is_regular_file(path, error);
 }
 
 bool nextKey(std::istream& file, SceneLine& line) {
@@ -36,6 +53,14 @@ std::string readQuotedString(SceneLine& line) {
   line.words.clear();
   line.words.str(close == std::string::npos ? std::string() : rest.substr(close + 1));
   return value;
+}
+
+void refuseOutOfRange(SceneLine& line, const char* block) {
+  printWarning(std::string(block) + " - " + line.key + " is out of range");
+}
+
+void warnUnfinished(SceneLine& line, const char* block) {
+  printWarning(std::string(block) + " - " + line.key + " asks for more work than a render can finish");
 }
 
 void readFloats(SceneLine& line, float* values, int count) {

@@ -20,7 +20,8 @@ const std::vector<TextureNode>* vectorLayers(uint32_t shader) {
 uint32_t frameWord(const std::vector<uint32_t>& words, uint32_t v) { return v < words.size() ? words[v] : 0; }
 
 // What a layer at this level allocates, with the copies that the next
-// smoothing makes; vertex indices are 32 bits, so more of them cannot be held.
+// smoothing makes, and the triangle records and hierarchy built on it after;
+// vertex indices are 32 bits, so more of them cannot be held.
 double tessellationBytes(const Mesh& mesh, size_t triangles, int level) {
   const double n = level, vertices = double(triangles) * (n + 1) * (n + 2) / 2;
   if (vertices + double(mesh.worldPositions.size()) >= 4294967295.0) return infinity;
@@ -28,7 +29,11 @@ double tessellationBytes(const Mesh& mesh, size_t triangles, int level) {
   for (const auto& channel : mesh.vectorChannels) perVertex += channel.values.empty() ? 0 : sizeof(Vec3f);
   for (const auto& channel : mesh.pairChannels) perVertex += channel.values.empty() ? 0 : sizeof(FloatPair);
   for (const auto& channel : mesh.scalarChannels) perVertex += channel.values.empty() ? 0 : sizeof(float);
-  return 3 * (vertices * perVertex + double(triangles) * n * n * sizeof(Triangle));
+  // A 64-byte record a triangle and, at most, two build records and a quarter
+  // of a 256-byte node.
+  const double builtPerTriangle = 64 + 2 * 48 + 64;
+  return 3 * (vertices * perVertex + double(triangles) * n * n * sizeof(Triangle)) +
+         double(triangles) * n * n * builtPerTriangle;
 }
 
 // Tessellates the triangles of shader `s` and displaces the new vertices by one
@@ -57,6 +62,8 @@ bool displaceLayer(Mesh& mesh, uint32_t s, TextureNode& layer) {
       framed = framed && frameWord(mesh.normals, corner) && frameWord(mesh.tangents, corner);
     (framed ? tessellated : kept).push_back(t);
   }
+  // No face to tessellate: the level's grid, which grows with its square, is not made.
+  if (tessellated.empty()) return false;
   if (!fitsInMemory(tessellationBytes(mesh, tessellated.size(), level))) {
     printError("mesh - displacement level " + std::to_string(level) + " needs more memory than there is");
     printRule();

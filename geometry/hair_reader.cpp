@@ -141,13 +141,11 @@ void readFurFile(CylinderSet& set, const std::string& path) {
   FILE* file = openInSearchFolders(path);
   if (!file) return;
   std::vector<int64_t> sizes;
-  std::string text;
-  char buffer[4096];
-  for (size_t got; (got = std::fread(buffer, 1, sizeof buffer, file)) > 0;) text.append(buffer, got);
-  std::fclose(file);
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    if (line.empty() || line[0] == '#') continue;
+  // Read a line at a time: a longer line goes on as the next one, and no more
+  // than one line's buffer is held.
+  char line[4096];
+  while (std::fgets(line, sizeof line, file)) {
+    if (line[0] == '#') continue;
     std::istringstream words(line);
     std::string key;
     words >> key;
@@ -163,6 +161,7 @@ void readFurFile(CylinderSet& set, const std::string& path) {
       }
     }
   }
+  std::fclose(file);
   // A second file's strands start at vertex 0 again, among the first file's points.
   int64_t base = 0;
   for (int64_t size : sizes) addStrand(set, base, size);

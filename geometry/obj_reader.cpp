@@ -10,6 +10,7 @@
 
 #include "frame/report.h"
 #include "frame/scene_directory.h"
+#include "frame/scene_file.h"
 #include "qz.h"
 #include "shading/shader.h"
 
@@ -199,9 +200,10 @@ uint32_t readMaterial(const char* line) {
 }  // namespace
 
 FILE* openInSearchFolders(const std::string& name) {
+  auto open = [](const std::string& path) { return isRegularFile(path) ? std::fopen(path.c_str(), "rb") : nullptr; };
   for (const std::string& folder : geometrySearchPaths)
-    if (FILE* file = std::fopen((folder.empty() ? name : folder + "/" + name).c_str(), "rb")) return file;
-  return std::fopen(name.c_str(), "rb");
+    if (FILE* file = open(folder.empty() ? name : folder + "/" + name)) return file;
+  return open(name);
 }
 
 ObjReader readerFor(Object& object) {

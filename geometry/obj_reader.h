@@ -26,7 +26,8 @@ struct ObjReader {
 
 ObjReader readerFor(Object& object);
 // The first of the geometry search folders that holds the file, then the name
-// as it stands; null when none does. Geometry files are opened in binary mode.
+// as it stands; null when none does. Geometry files are opened in binary mode,
+// and only regular files are opened.
 FILE* openInSearchFolders(const std::string& name);
 void clearReaderArrays(ObjReader& reader);
 void readObjFile(ObjReader& reader, const std::string& path);

@@ -88,6 +88,14 @@ struct Instance {
 
 struct Object;
 
+// Objects this many placements below the root or deeper are not walked: each
+// level holds a walk's stack on the thread's own, and no honest scene comes
+// near it. A cycle must not loop for ever either.
+constexpr uint32_t maxPlacementDepth = 64;
+// Placements one walk from the root enters at most: a graph whose objects
+// place the next twice over holds more copies than any walk can visit.
+constexpr uint32_t maxPlacementsPerWalk = 1 << 16;
+
 struct EmitterEntry {
   Object* object = nullptr;
   float weight = 0;
@@ -118,7 +126,7 @@ struct Object {
   CylinderSet cylinders;
   Mesh mesh;
   std::string name;
-  uint16_t level = 0;      // depth below the root object
+  uint32_t level = 0;      // longest path below the root object
   uint8_t referenced = 0;  // some instance places this object
   uint8_t hasMotion = 0;
 };

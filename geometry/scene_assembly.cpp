@@ -1,6 +1,9 @@
 #include "geometry/scene_assembly.h"
 
 #include <algorithm>
+#include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include "accel/bbvh.h"
 #include "frame/report.h"
@@ -15,11 +18,16 @@ float sceneRadius = 0;
 namespace {
 
 void resolveInstances() {
+  // The first object of each name in array order, looked up once an instance.
+  std::unordered_map<std::string_view, int32_t> byName;
+  for (size_t i = objects.size(); i-- > 0;) byName[objects[i].name] = int32_t(i);
   for (Object& object : objects) {
     std::vector<Instance> bound;
     for (Instance& instance : object.instances) {
-      for (size_t i = 0; i < objects.size() && instance.object == -1; ++i)
-        if (objects[i].name == instance.objectName) instance.object = int32_t(i);
+      if (instance.object == -1) {
+        const auto found = byName.find(instance.objectName);
+        if (found != byName.end()) instance.object = found->second;
+      }
       if (instance.object == -1)
         printError("instance - " + instance.objectName + " does not exist");
       else
@@ -65,26 +73,63 @@ void chooseRoot() {
   }
 }
 
-// The depth of the last visit stands. A placement that leads back to an object
-// on the current path would recurse without end; it is dropped.
-void assignLevels(uint32_t object, uint16_t level, std::vector<uint8_t>& onPath) {
-  objects[object].level = level;
-  onPath[object] = 1;
-  std::vector<Instance>& instances = objects[object].instances;
-  for (size_t i = 0; i < instances.size();) {
-    const uint32_t child = uint32_t(instances[i].object);
-    if (onPath[child]) {
-      instances.erase(instances.begin() + ptrdiff_t(i));
+// Walks the graph below the root once per object, without recursion: a
+// placement that leads back to an object on the current path would recurse
+// without end and is dropped. Returns the objects reached, each after all it
+// places.
+std::vector<uint32_t> dropCycles(uint32_t root) {
+  enum : uint8_t { unseen, onPath, done };
+  std::vector<uint8_t> state(objects.size(), unseen);
+  std::vector<std::pair<uint32_t, size_t>> path{{root, 0}};
+  std::vector<uint32_t> finished;
+  state[root] = onPath;
+  while (!path.empty()) {
+    auto& [object, next] = path.back();
+    std::vector<Instance>& instances = objects[object].instances;
+    if (next == instances.size()) {
+      state[object] = done;
+      finished.push_back(object);
+      path.pop_back();
       continue;
     }
-    assignLevels(child, uint16_t(level + 1), onPath);
-    ++i;
+    const uint32_t child = uint32_t(instances[next].object);
+    if (state[child] == onPath) {
+      instances.erase(instances.begin() + ptrdiff_t(next));
+      continue;
+    }
+    ++next;
+    if (state[child] == unseen) {
+      state[child] = onPath;
+      path.emplace_back(child, 0);
+    }
   }
-  onPath[object] = 0;
+  return finished;
 }
 
-uint16_t deepestLevel() {
-  uint16_t deepest = 0;
+// An object's level is its longest path from the root, so that every child is
+// built before each of its parents however the graph shares objects. Objects
+// the root does not reach keep level 0.
+void assignLevels(uint32_t root) {
+  for (Object& object : objects) object.level = 0;
+  const std::vector<uint32_t> finished = dropCycles(root);
+  for (auto parent = finished.rbegin(); parent != finished.rend(); ++parent)
+    for (const Instance& instance : objects[*parent].instances) {
+      Object& child = objects[size_t(instance.object)];
+      child.level = std::max(child.level, objects[*parent].level + 1);
+    }
+}
+
+// Deepest level first, array order within a level.
+std::vector<uint32_t> buildOrder() {
+  std::vector<uint32_t> order(objects.size());
+  for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(),
+                   [](uint32_t a, uint32_t b) { return objects[a].level > objects[b].level; });
+  return order;
+}
+
+uint32_t deepestLevel() {
+  uint32_t deepest = 0;
   for (const Object& object : objects) deepest = std::max(deepest, object.level);
   return deepest;
 }
@@ -93,6 +138,15 @@ void publishBounds() {
   if (rootObject >= objects.size()) return;
   sceneMin = objects[rootObject].boundsMin;
   sceneMax = objects[rootObject].boundsMax;
+  // The lights take discs and areas from the radius, which must stay finite:
+  // boxes that placements stretched to the largest float are held to a range
+  // whose squares a float still holds, and a root with nothing in it is a point.
+  constexpr float reach = 1e18f;
+  for (int axis = 0; axis < 3; ++axis) {
+    if (!(sceneMin[axis] <= sceneMax[axis])) sceneMin[axis] = sceneMax[axis] = 0;
+    sceneMin[axis] = std::clamp(sceneMin[axis], -reach, reach);
+    sceneMax[axis] = std::clamp(sceneMax[axis], -reach, reach);
+  }
   sceneCenter = (sceneMin + sceneMax) / 2;
   sceneRadius = length(sceneMax - sceneMin) / 2;
 }
@@ -121,11 +175,11 @@ void assembleScene() {
   dropDanglingInstances();
   if (objects.empty()) return;
   chooseRoot();
-  std::vector<uint8_t> onPath(objects.size(), 0);
-  assignLevels(rootObject, 0, onPath);
-  for (int level = deepestLevel(); level >= 0; --level)
-    for (Object& object : objects)
-      if (object.level == level) prepareObject(object);
+  assignLevels(rootObject);
+  if (deepestLevel() >= maxPlacementDepth)
+    printWarning("object - objects placed " + std::to_string(maxPlacementDepth) +
+                 " instances deep or deeper are not drawn");
+  for (uint32_t i : buildOrder()) prepareObject(objects[i]);
   publishBounds();
   printArrayRow("objects  ", sizeof(Object), int64_t(objects.size()), "M bytes");
   printRule();
@@ -140,9 +194,8 @@ void assembleScene() {
 
 void updateMovingObjects() {
   if (objects.empty()) return;
-  for (int level = deepestLevel(); level >= 0; --level)
-    for (Object& object : objects)
-      if (object.level == level && object.hasMotion && !isEmptyObject(object)) buildObject(object);
+  for (uint32_t i : buildOrder())
+    if (objects[i].hasMotion && !isEmptyObject(objects[i])) buildObject(objects[i]);
   publishBounds();
 }
 

@@ -10,9 +10,9 @@ bool readLightKey(SceneLine& line, std::istream& file, Light& light) {
   } else if (line.key == "blur") {
     line.words >> light.blur;
   } else if (line.key == "sample") {
-    line.words >> light.sample;
+    readCount(line, light.sample, "light", samplesFinished);
   } else if (line.key == "photon") {
-    line.words >> light.photon;
+    readCount(line, light.photon, "light", photonsFinished);
   } else if (line.key == "offset") {
     line.words >> light.offset;
   } else if (line.key == "ior") {

@@ -125,9 +125,9 @@ void readGeometryLightBlock(std::istream& file) {
   while (nextKey(file, line)) {
     if (readAOVOrLinkKey(line, file, geometryLight.aovs, geometryLight.link)) continue;
     if (line.key == "photon") {
-      line.words >> geometryLight.photon;
+      readCount(line, geometryLight.photon, "geometry_light", int(photonsFinished));
     } else if (line.key == "sample") {
-      line.words >> geometryLight.sample;
+      readCount(line, geometryLight.sample, "geometry_light", samplesFinished);
     }
   }
 }

@@ -10,9 +10,6 @@
 #include "shading/shader.h"
 
 namespace {
-// Placements nest far less deeply than this; a cycle must not loop for ever.
-constexpr int maxPlacementDepth = 64;
-
 // The entry of `table` that u falls in, and u rescaled to that entry's share.
 int pickEntry(const EmitterTable& table, float& u) {
   float p;
@@ -126,7 +123,7 @@ bool pickEmitter(uint64_t index, uint64_t count, EmitterPick& pick) {
   pick = EmitterPick{};
   const Object* object = &objects[rootObject];
   float u = float((double(index) + 0.5) / double(count));
-  for (int depth = 0; depth < maxPlacementDepth; ++depth) {
+  for (uint32_t depth = 0; depth < maxPlacementDepth; ++depth) {
     const EmitterTable& table = object->lightFaces;
     if (table.cdf.empty() || !(table.total > 0)) return false;
     const EmitterEntry& entry = table.entries[size_t(pickEntry(table, u))];

@@ -51,7 +51,7 @@ void readSkyLightBlock(std::istream& file) {
     } else if (line.key == "color") {
       readFloats(line, &sky.color.r, 3);
     } else if (line.key == "photon") {
-      line.words >> sky.photon;
+      readCount(line, sky.photon, "sky_light", int(photonsFinished));
     } else if (line.key == "north") {
       readFloats(line, &sky.north.x, 3);
     } else if (line.key == "zenith") {
@@ -59,7 +59,7 @@ void readSkyLightBlock(std::istream& file) {
     } else if (line.key == "volume_shader") {
       readShaderVolumeBlock(sky.volume, file);
     } else if (line.key == "sample") {
-      line.words >> sky.sample;
+      readCount(line, sky.sample, "sky_light", samplesFinished);
     } else if (line.key == "thickness") {
       line.words >> sky.thickness;
     } else if (line.key == "turbidity") {

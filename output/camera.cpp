@@ -56,7 +56,7 @@ void readCameraBlock(std::istream& file, Camera& camera) {
     } else if (line.key == "region") {
       line.words >> camera.region.min_x >> camera.region.min_y >> camera.region.max_x >> camera.region.max_y;
     } else if (line.key == "sample") {
-      line.words >> camera.sample;
+      readCount(line, camera.sample, "camera", passesHeld, passesHeld);
     } else if (line.key == "ior") {
       line.words >> camera.ior;
     } else if (line.key == "exposure") {

@@ -10,10 +10,10 @@ namespace {
 void readFinalGatherBlock(std::istream& file) {
   SceneLine line;
   while (nextKey(file, line)) {
-    if (line.key == "ray_depth") line.words >> renderer.ray_depth;
-    else if (line.key == "photon_depth") line.words >> renderer.photon_depth;
-    else if (line.key == "sample") line.words >> renderer.sample;
-    else if (line.key == "bounce") line.words >> renderer.bounce;
+    if (line.key == "ray_depth") readCount(line, renderer.ray_depth, "render", depthHeld, depthHeld);
+    else if (line.key == "photon_depth") readCount(line, renderer.photon_depth, "render", depthHeld, depthHeld);
+    else if (line.key == "sample") readCount(line, renderer.sample, "render", samplesFinished);
+    else if (line.key == "bounce") readCount(line, renderer.bounce, "render", depthHeld, depthHeld);
     else if (line.key == "resolution") line.words >> renderer.resolution;
     else if (line.key == "radius") line.words >> renderer.radius;
   }

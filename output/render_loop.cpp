@@ -173,7 +173,9 @@ void qzRender() {
     runPreviewWindow();
     return;
   }
-  while (!closed && renderer.pass < cameras[renderer.camera].sample) progressiveStep();
+  guardAllocation("qzRender()", [] {
+    while (!closed && renderer.pass < cameras[renderer.camera].sample) progressiveStep();
+  });
 }
 
 void qzRenderPixels(int count, float* pixels, int pass) {

@@ -1,0 +1,228 @@
+// Inputs made to take the process down: instance graphs that nest or multiply
+// without bound, matrices that are not affine, special files named like scene
+// files, counts past their type and memory past the process's limit. Each run
+// ends by itself, within seconds, with its message or its image.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <filesystem>
+#include <limits>
+
+#include "geometry/object.h"
+#include "geometry/scene_assembly.h"
+#include "qz.h"
+#include "tests/command_fixture.h"
+#include "tests/scene_writer.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// A folder with a small camera looking at the origin and whatever geometry the
+// test writes; `run` renders it with the command, under a time limit and,
+// when asked, a limit on the address space in kilobytes.
+class HostileInput : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+    work = scratchFolder("hostile-" + name);
+    scene = work + "/scene/";
+    writeSceneFile(scene + "camera", "camera.qz", stillCamera("  resolution 8 8\n  sample 1\n"));
+    writeSceneFile(scene + "geometry", "triangle.obj", "v -1 -1 0\nv 1 -1 0\nv 0 1 0\nf 1 2 3\n");
+  }
+  ShellOutcome run(const std::string& limit = "") {
+    const std::string prefix = limit.empty() ? "" : "ulimit -v " + limit + " && ";
+    return shell("cd '" + work + "' && " + prefix + "timeout 60 '" + quazelBinary() + "' scene/ 2>&1");
+  }
+  bool rendered() {
+    for (const auto& entry : fs::directory_iterator(work))
+      if (entry.path().extension() == ".hdr") return true;
+    return false;
+  }
+  std::string work, scene;
+};
+
+// Object `o<i>` places `o<i+1>` by each matrix given; the last holds the triangle.
+std::string instanceGraph(int levels, const std::vector<std::string>& matrices) {
+  std::string text;
+  for (int i = 0; i < levels; ++i) {
+    text += "object\n  name o" + std::to_string(i) + "\n";
+    for (const std::string& matrix : matrices)
+      text += "  instance\n    object o" + std::to_string(i + 1) + "\n    matrix " + matrix + "\n  end\n";
+    text += "end\n";
+  }
+  return text + "object\n  name o" + std::to_string(levels) + "\n  obj \"geometry/triangle.obj\"\nend\n";
+}
+
+const std::string identity = "1 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1";
+const std::string deepWarning = "warning :( object - objects placed 64 instances deep or deeper are not drawn\n";
+
+}  // namespace
+
+TEST_F(HostileInput, DeepChainsRenderAndSayWhatIsNotDrawn) {
+  for (int levels : {1000, 100000}) {
+    SCOPED_TRACE(levels);
+    writeSceneFile(scene + "geometry", "chain.qz", instanceGraph(levels, {identity}));
+    const ShellOutcome out = run();
+    EXPECT_EQ(out.status, 0) << out.out.substr(out.out.size() - std::min<size_t>(out.out.size(), 2000));
+    EXPECT_TRUE(has(out.out, deepWarning));
+    EXPECT_TRUE(rendered());
+  }
+  // Shallower than the limit: drawn, with no warning.
+  writeSceneFile(scene + "geometry", "chain.qz", instanceGraph(40, {identity}));
+  const ShellOutcome out = run();
+  EXPECT_EQ(out.status, 0);
+  EXPECT_FALSE(has(out.out, "warning :( object"));
+  EXPECT_TRUE(has(out.out, "scene minimum     -1.000      -1.000       0.000 [n/a]")) << out.out;
+}
+
+TEST_F(HostileInput, ADoublingGraphOf64LevelsIsAssembledOnceAndRendered) {
+  // Each object places the next twice, side by side: 2^64 placements in all.
+  writeSceneFile(scene + "geometry", "dag.qz",
+                 instanceGraph(64, {"0.5 0 0 -0.5 0 1 0 0 0 0 1 0 0 0 0 1", "0.5 0 0 0.5 0 1 0 0 0 0 1 0 0 0 0 1"}));
+  ShellOutcome out = run();
+  EXPECT_EQ(out.status, 0) << out.out;
+  EXPECT_TRUE(has(out.out, deepWarning));
+  EXPECT_TRUE(has(out.out, "scene minimum     -1.000      -1.000       0.000 [n/a]")) << out.out;
+  // The same graph on top of itself: every walk meets every copy.
+  writeSceneFile(scene + "geometry", "dag.qz", instanceGraph(64, {identity, identity}));
+  out = run();
+  EXPECT_EQ(out.status, 0) << out.out;
+  EXPECT_TRUE(rendered());
+}
+
+TEST_F(HostileInput, SpecialFilesAreNotRead) {
+  // A pipe named like a scene file and like an OBJ: opening either would wait
+  // for a writer for ever.
+  ASSERT_EQ(mkfifo((scene + "geometry/pipe.qz").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo((scene + "geometry/pipe.obj").c_str(), 0600), 0);
+  writeSceneFile(scene + "geometry", "pipe-user.qz", "object\n  obj \"geometry/pipe.obj\"\nend\n");
+  // Endless devices as a scene file and as a fur file.
+  fs::create_directories(scene + "render");
+  fs::create_symlink("/dev/zero", scene + "render/zero.qz");
+  writeSceneFile(scene + "geometry", "fur-user.qz",
+                 "object\n  fur \"/dev/urandom\"\nend\nobject\n  obj \"geometry/triangle.obj\"\nend\n");
+  // A regular file of one line far longer than the line limit.
+  writeSceneFile(scene + "light", "long.qz", std::string(1 << 24, 'x') + "\npoint_light\n  position 0 0 2\nend\n");
+  const ShellOutcome out = run("1000000");
+  EXPECT_EQ(out.status, 0) << out.out;
+  EXPECT_TRUE(has(out.out, "error :( object - cannot open geometry/pipe.obj\n")) << out.out;
+  EXPECT_TRUE(has(out.out, "point    lights    ")) << out.out;
+  EXPECT_TRUE(rendered());
+}
+
+namespace {
+// A triangle placed by `matrix` and a floor, lit by the sky, a point light and
+// the geometry light, all casting photons.
+void placedTriangleWithPhotons(const float* matrix) {
+  const float corners[] = {-1, -1, 0, 1, -1, 0, 0, 1, 0, -5, -2, -5, 5, -2, -5, 5, -2, 5};
+  const unsigned face[] = {0, 1, 2}, floor[] = {3, 4, 5};
+  const int child = qzAddObject();
+  qzSetObjectName(child, "child");
+  qzAddVertexData(child, 3, "position", 3, 3, corners);
+  qzAddPrimitives(child, 3, 1, face);
+  const int root = qzAddObject();
+  qzAddVertexData(root, 3, "position", 6, 3, corners);
+  qzAddPrimitives(root, 3, 1, floor);
+  qzSetInstance(root, qzAddInstance(root), child, matrix);
+  const int light = qzAddPointLight();
+  qzSetPointLightPosition(light, 0, 3, 0);
+  qzSetPointLightPhoton(light, 2000);
+  qzSetSkyLightPhoton(2000);
+  qzSetGeometryLightPhoton(2000);
+  const int camera = qzAddCamera();
+  qzSetCameraResolution(camera, 8, 8);
+  qzSetCameraSample(camera, 1);
+  qzSetRendererRadius(0.1f);
+}
+}  // namespace
+
+TEST(HostileScene, ProjectiveAndNanMatricesKeepTheBoundsFinite) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float projective[] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0.7f, 0.3f, 0, 0.1f};
+  const float notANumber[] = {nan, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+  const float huge[] = {3e38f, 0, 0, 0, 0, 3e38f, 0, 0, 0, 0, 3e38f, 0, 0, 0, 0, 1};
+  for (const float* matrix : {projective, notANumber, huge}) {
+    objects.clear();
+    quietStartup();
+    placedTriangleWithPhotons(matrix);
+    const std::string out = captureOutput([] {
+      qzInitialize();
+      qzRender();
+    });
+    EXPECT_TRUE(std::isfinite(sceneRadius)) << out;
+    for (float v : {sceneCenter.x, sceneCenter.y, sceneCenter.z, sceneMin.x, sceneMax.z})
+      EXPECT_TRUE(std::isfinite(v)) << out;
+    captureOutput([] {
+      qzFinalize();
+      qzShutdown();
+    });
+  }
+}
+
+TEST_F(HostileInput, MergeRefusesACorruptTileImageAndLives) {
+  writeSceneFile(scene + "light", "sky.qz", "sky_light\n  color 0.5 0.5 0.5\nend\n");
+  std::string tiles;
+  for (int i = 1; i <= 2; ++i) {
+    const std::string folder = "out/tile-" + std::to_string(i);
+    const ShellOutcome tile = shell("cd '" + work + "' && '" + quazelBinary() + "' --tile " + std::to_string(i) +
+                                    "/2 --resolution 16 8 --samples 1 -o " + folder + " scene/");
+    ASSERT_EQ(tile.status, 0) << tile.out;
+    tiles += " " + folder;
+  }
+  // A Radiance header whose height overflows, over the pixels of a real tile.
+  const std::string path = work + "/out/tile-2/beauty.hdr";
+  const std::string hdr = readFile(path);
+  const size_t resolution = hdr.find("-Y");
+  ASSERT_NE(resolution, std::string::npos);
+  std::ofstream(path, std::ios::binary) << hdr.substr(0, resolution) << "-Y 8888888888888888881 +X 3\n"
+                                        << hdr.substr(hdr.find('\n', resolution) + 1);
+  const ShellOutcome merged =
+      shell("cd '" + work + "' && timeout 60 '" + quazelBinary() + "' merge -o out/frame" + tiles + " 2>&1");
+  EXPECT_EQ(merged.status, 2) << merged.out;
+  EXPECT_TRUE(has(merged.out, "quazel: merge: out/tile-2/beauty.hdr cannot be read\n")) << merged.out;
+}
+
+TEST_F(HostileInput, CountsPastTheirTypeAreRefusedAndEndlessOnesAnnounced) {
+  writeSceneFile(scene + "geometry", "triangle.qz", "object\n  obj \"geometry/triangle.obj\"\nend\n");
+  // Past the type: refused, and the render goes on with the defaults.
+  writeSceneFile(scene + "light", "lights.qz",
+                 "geometry_light\n  photon 99999999999999999999\nend\n"
+                 "point_light\n  position 0 0 2\n  photon -99999999999999999999\nend\n");
+  writeSceneFile(scene + "render", "render.qz", "render\n  final_gather\n    photon_depth 2147483648\n"
+                 "    ray_depth 256\n  end\nend\n");
+  ShellOutcome out = run();
+  EXPECT_EQ(out.status, 0) << out.out;
+  for (const char* line : {"warning :( geometry_light - photon is out of range\n", "warning :( light - photon is out of range\n",
+                           "warning :( render - photon_depth is out of range\n",
+                           "warning :( render - ray_depth is out of range\n"})
+    EXPECT_TRUE(has(out.out, line)) << line << out.out;
+  EXPECT_TRUE(rendered());
+  // Within the type but beyond any render's end: said when the scene is read.
+  writeSceneFile(scene + "light", "lights.qz", "point_light\n  position 0 0 2\n  photon 2147483647\nend\n");
+  writeSceneFile(scene + "render", "render.qz", "render\n  final_gather\n    sample 2147483647\n  end\nend\n");
+  writeSceneFile(scene + "camera", "camera.qz", stillCamera("  resolution 8 8\n  sample 2147483647\n"));
+  out = shell("cd '" + work + "' && timeout 5 '" + quazelBinary() + "' scene/ 2>&1");
+  EXPECT_TRUE(has(out.out, "warning :( camera - sample is out of range\n")) << out.out;
+  for (const char* block : {"light - photon", "render - sample"})
+    EXPECT_TRUE(has(out.out, std::string("warning :( ") + block + " asks for more work than a render can finish\n"))
+        << block << out.out;
+}
+
+TEST_F(HostileInput, DisplacementPastTheProcessLimitIsRefused) {
+  writeSceneFile(scene + "geometry", "quad.obj",
+                 "v -1 -1 0\nv 1 -1 0\nv 1 1 0\nv -1 1 0\nvt 0 0\nvt 1 0\nvt 1 1\nvt 0 1\nvn 0 0 1\nusemtl d\n"
+                 "f 1/1/1 2/2/1 3/3/1\nf 1/1/1 3/3/1 4/4/1\n");
+  writeSceneFile(scene + "geometry", "quad.qz", "object\n  obj \"geometry/quad.obj\"\nend\n");
+  // Some 5 GB of vertices, records and hierarchy, with 2 GB of address space.
+  writeSceneFile(scene + "shader", "shader.qz",
+                 "shader\n  name \"d\"\n  geometry\n    smooth_angle 30\n    vector\n      level 3000\n"
+                 "      color 1 1 1\n    end\n  end\nend\n");
+  const ShellOutcome out = run("2000000");
+  EXPECT_EQ(out.status, 0) << out.out;
+  EXPECT_TRUE(has(out.out, "error :( mesh - displacement level 3000 needs more memory than there is\n")) << out.out;
+  EXPECT_TRUE(rendered());
+}
