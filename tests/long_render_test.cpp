@@ -13,10 +13,12 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
+#include <tuple>
 
 #include "app/display_png.h"
 #include "app/merge_exr.h"
 #include "app/options.h"
+#include "app/resume.h"
 #include "output/aov.h"
 #include "output/exr_file.h"
 #include "output/progress.h"
@@ -288,6 +290,28 @@ TEST(LongRenderOptions, ReadsTheNewOptionsAndRefusesBadValues) {
   EXPECT_EQ(parseCommandLine({"--checkpoint", "soon"}).error,
             "--checkpoint: 'soon' is not a number of seconds above 0");
   EXPECT_EQ(parseCommandLine({"--exr"}).error, "--exr needs 1 value");
+
+  // A stopped render is resumed with every option that decides what it makes,
+  // numbers exactly, paths made absolute.
+  const CommandLine given = parseCommandLine({"--region", "1", "2", "30", "20", "--tile", "2/3", "--samples", "9",
+                                              "--resolution", "40", "30", "--exr", "all.exr", "--checkpoint", "0.1",
+                                              "--camera", "Cam", "--sky", "sky.hdr", "--sampler", "sobol", "--seed",
+                                              "4294967295", "--noise-threshold", "1e-7", "--time-limit", "0.3",
+                                              "--threads", "2", "--log", "l.txt", "scene"});
+  ASSERT_EQ(given.error, "");
+  const CommandLine back = parseCommandLine(settingArguments(given.render_options));
+  ASSERT_EQ(back.error, "");
+  const RenderOptions &a = given.render_options, &b = back.render_options;
+  EXPECT_EQ(b.region, a.region);
+  EXPECT_EQ(std::tie(b.tile_index, b.tile_count, b.samples, b.width, b.height),
+            std::tie(a.tile_index, a.tile_count, a.samples, a.width, a.height));
+  EXPECT_EQ(std::tie(b.exr, b.camera, b.sampler, b.has_seed, b.seed), std::tie(a.exr, a.camera, a.sampler, a.has_seed, a.seed));
+  EXPECT_EQ(std::tie(b.checkpoint_seconds, b.noise_threshold, b.time_limit),
+            std::tie(a.checkpoint_seconds, a.noise_threshold, a.time_limit));
+  EXPECT_EQ(b.sky, fs::absolute("sky.hdr").string());
+  EXPECT_EQ(b.scene, fs::absolute("scene").string());
+  EXPECT_EQ(b.threads, 0);  // how it runs is the resumed run's own choice
+  EXPECT_EQ(b.log, "");
 }
 
 TEST(QuazelStartup, AMissingInstructionIsNamedBeforeAnythingRuns) {
@@ -359,21 +383,39 @@ TEST(QuazelCheckpoint, AStoppedRenderResumesToThePlannedPassesAndLeavesNoTileRec
 TEST(QuazelCheckpoint, WithASeededSamplerAResumedRenderEqualsOneNeverStopped) {
   const std::string work = scratchFolder("stop-resume-seeded");
   writeScene(work + "/scene", 10);
-  writeSceneFile(work + "/scene/render", "render.qz", "render\n  sampler \"sobol\"\n  seed 7\nend\n");
-  ASSERT_EQ(quazel(work, "--exr all.exr -o first scene").status, 0);
-  ASSERT_EQ(quazel(work, "--exr all.exr -o second scene").status, 0);
-  const ExrImage first = readWhole(work + "/first/all.exr"), second = readWhole(work + "/second/all.exr");
-  ASSERT_TRUE(sameBits(first.layers[0].rgb, second.layers[0].rgb)) << "the seeded sampler does not repeat itself";
+  // The sampler is chosen on the command line, which the resumed run must keep.
+  const std::vector<std::string> options{"--sampler", "sobol", "--seed", "7", "--exr", "all.exr"};
+  ASSERT_EQ(quazel(work, "--sampler sobol --seed 7 --exr all.exr -o first scene").status, 0);
+  const ExrImage first = readWhole(work + "/first/all.exr");
   EXPECT_EQ(first.info.sampler, "sobol");
   EXPECT_EQ(first.info.seed, 7);
 
   fs::create_directories(work + "/stopped");
-  ASSERT_EQ(quazelStoppedAfter(work, {"--exr", "all.exr", "-o", work + "/stopped", "scene"}, 4), 3);
+  std::vector<std::string> stopped = options;
+  stopped.insert(stopped.end(), {"-o", work + "/stopped", "scene"});
+  ASSERT_EQ(quazelStoppedAfter(work, stopped, 4), 3);
   ASSERT_EQ(quazel(work, "--resume stopped").status, 0);
   const ExrImage resumed = readWhole(work + "/stopped/all.exr");
   ASSERT_EQ(resumed.layers.size(), first.layers.size());
   for (size_t l = 0; l < first.layers.size(); ++l)
     EXPECT_TRUE(sameBits(resumed.layers[l].rgb, first.layers[l].rgb)) << first.layers[l].name;
+}
+
+TEST(QuazelCheckpoint, AStoppedRenderOfAModelFileImportsItAgainAndGoesOn) {
+  const char* source = std::getenv("QZ_SOURCE_DIR");
+  if (!source) GTEST_SKIP() << "QZ_SOURCE_DIR names no checkout";
+  const std::string work = scratchFolder("stop-resume-model");
+  fs::create_directories(work + "/out");
+  ASSERT_EQ(quazelStoppedAfter(work,
+                               {"--resolution", "32", "24", "--samples", "8", "-o", work + "/out",
+                                std::string(source) + "/scenes/gltf/still-life.gltf"},
+                               2),
+            3);
+  const Outcome resumed = quazel(work, "--resume out");
+  ASSERT_EQ(resumed.status, 0) << resumed.err;
+  EXPECT_EQ(resumed.err.find("quazel-progress pass=1 "), std::string::npos) << resumed.err;
+  EXPECT_NE(resumed.err.find("quazel-progress pass=8 passes=8 "), std::string::npos) << resumed.err;
+  EXPECT_FALSE(fs::exists(work + "/out/quazel.checkpoint"));
 }
 
 TEST(QuazelExr, MergedSeededTilesEqualTheWholeFrameBitForBit) {
