@@ -1,5 +1,5 @@
 // How fast each sampler converges: RMSE against a high-sample reference and
-// the processor time of the passes, at 4, 16, 64 and 256 passes, runs of the
+// the processor time of the passes, each the mean of three runs, at 4, 16, 64 and 256 passes, runs of the
 // two samplers interleaved, on one thread; then the slope of log RMSE against
 // log time, the time each needs to reach the random sampler's RMSE at 256
 // passes, and the same for a noise threshold against plain passes.
@@ -161,11 +161,20 @@ void bench(const Setup& setup, int width, int referencePasses) {
   std::printf("  %6s  %22s  %22s  %s\n", "passes", "random: s / rmse", "sobol: s / rmse",
               "time per pass sobol/random (preparation s)");
   for (int passes : counts) {
-    Render r[2];
-    for (int sampler : {0, 1}) r[sampler] = render(setup, width, passes, sampler, 1);
-    for (int sampler : {0, 1}) curves[sampler].push_back({r[sampler].seconds, rmse(r[sampler].pixels, truth)});
-    std::printf("  %6d  %10.2f / %9.5f  %10.2f / %9.5f  %.3f (%.2f)\n", passes, r[0].seconds, curves[0].back().error,
-                r[1].seconds, curves[1].back().error, r[1].seconds / r[0].seconds, r[1].preparation);
+    // Mean squared error and time over a few runs of each, in turn: one run's
+    // RMSE moves by 10 to 20 percent from seed to seed.
+    constexpr int runs = 3;
+    double squared[2] = {0, 0}, seconds[2] = {0, 0}, preparation = 0;
+    for (int run = 0; run < runs; ++run)
+      for (int sampler : {0, 1}) {
+        const Render r = render(setup, width, passes, sampler, unsigned(1 + run));
+        squared[sampler] += std::pow(rmse(r.pixels, truth), 2) / runs;
+        seconds[sampler] += r.seconds / runs;
+        preparation += sampler ? r.preparation / runs : 0;
+      }
+    for (int sampler : {0, 1}) curves[sampler].push_back({seconds[sampler], std::sqrt(squared[sampler])});
+    std::printf("  %6d  %10.2f / %9.5f  %10.2f / %9.5f  %.3f (%.2f)\n", passes, seconds[0], curves[0].back().error,
+                seconds[1], curves[1].back().error, seconds[1] / seconds[0], preparation);
   }
   const double target = curves[0].back().error;
   std::printf("  slope of log rmse against log time: random %.2f, sobol %.2f\n", slope(curves[0]), slope(curves[1]));
@@ -173,11 +182,16 @@ void bench(const Setup& setup, int width, int referencePasses) {
               curves[0].back().seconds, timeToReach(curves[1], target),
               curves[0].back().seconds / timeToReach(curves[1], target));
   // The noise threshold, up to 256 passes, against the plain sobol passes.
-  for (float threshold : {0.2f, 0.1f, 0.05f}) {
-    const Render a = render(setup, width, 256, 1, 1, threshold);
-    const double e = rmse(a.pixels, truth), plain = timeToReach(curves[1], e);
+  for (float threshold : {0.04f, 0.02f, 0.01f}) {
+    double squared = 0, seconds = 0;
+    for (int run = 0; run < 3; ++run) {
+      const Render a = render(setup, width, 256, 1, unsigned(1 + run), threshold);
+      squared += std::pow(rmse(a.pixels, truth), 2) / 3;
+      seconds += a.seconds / 3;
+    }
+    const double e = std::sqrt(squared), plain = timeToReach(curves[1], e);
     std::printf("  noise threshold %.2f: %.2f s, rmse %.5f; plain passes reach it in %.2f s: %.2fx the time\n",
-                threshold, a.seconds, e, plain, plain / a.seconds);
+                threshold, seconds, e, plain, plain / seconds);
   }
 }
 }  // namespace
