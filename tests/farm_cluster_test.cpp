@@ -238,27 +238,27 @@ TEST_F(FarmCluster, ATileThatRunsIntoItsTimeLimitIsRequeuedResumesAndTheMergeWai
   // 30 s between the controller's checks of time limits. A limit of a minute
   // with a 25 s warning brings the warning 5 to 35 s into each run: a tile that
   // renders for 40 s or more is warned at least once, wherever the checks fall.
-  // Its passes are counted for a minute at the speed of a trial tile, as tiles
-  // under Slurm have run up to half as fast again as the trial.
-  ASSERT_EQ(shell(quote(binary) + " --resolution 96 54 --samples 40 --tile 1/2 -o " + quote(work + "/trial") + " " +
-                  quote(scene) + " 2>" + quote(work + "/trial.err") + " >/dev/null")
-                .status,
-            0);
+  // Its passes are counted from the speed of a trial tile run as a job: on a
+  // shared machine jobs and the test's own processes may run at different speeds.
+  std::ofstream(work + "/trial.sh") << "#!/bin/sh\nexec " << quote(binary)
+                                    << " --resolution 96 54 --samples 40 --tile 1/2 -o " << quote(work + "/trial") << " "
+                                    << quote(scene) << " 2>" << quote(work + "/trial.err") << " >/dev/null\n";
+  ASSERT_EQ(cluster.slurm("sbatch --wait --quiet -o /dev/null " + quote(work + "/trial.sh")).status, 0);
   const std::string trial = readFile(work + "/trial.err");
   auto elapsedAt = [&](int pass) {
     const size_t at = trial.find("quazel-progress pass=" + std::to_string(pass) + " ");
     return at == std::string::npos ? -1.0 : std::atof(trial.c_str() + trial.find("elapsed=", at) + 8);
   };
-  ASSERT_GE(elapsedAt(10), 0) << trial;
+  ASSERT_GE(elapsedAt(40), 0) << trial;
   const double secondsPerPass = std::max((elapsedAt(40) - elapsedAt(10)) / 30, 1e-3);
-  const int passes = std::clamp(int(60 / secondsPerPass), 200, 65535);
+  const int passes = std::clamp(int(45 / secondsPerPass), 200, 65535);
   std::cout << "tiles of " << passes << " passes at " << secondsPerPass << " s a pass" << std::endl;
 
   const auto start = std::chrono::steady_clock::now();
   const auto [array, merge] = submit(out, "", "--resolution 96 54 --samples " + std::to_string(passes), 2,
                                      "SBATCH_TIMELIMIT=1 SBATCH_SIGNAL=B:USR1@25");
   ASSERT_FALSE(merge.empty()) << "submission failed";
-  ASSERT_TRUE(waitForJobs(array + "," + merge, 300)) << "the jobs did not end in time";
+  ASSERT_TRUE(waitForJobs(array + "," + merge, 420)) << "the jobs did not end in time";
   std::cout << "wall time: 2 tiles and the merge through Slurm " << secondsSince(start) << " s" << std::endl;
   for (const auto& [task, state] : jobStates(array)) EXPECT_EQ(state, "COMPLETED") << "tile " << task;
   EXPECT_EQ(jobStates(merge)[""], "COMPLETED");
