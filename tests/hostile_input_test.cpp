@@ -11,6 +11,7 @@
 
 #include "geometry/object.h"
 #include "geometry/scene_assembly.h"
+#include "output/camera.h"
 #include "qz.h"
 #include "tests/command_fixture.h"
 #include "tests/scene_writer.h"
@@ -225,4 +226,24 @@ TEST_F(HostileInput, DisplacementPastTheProcessLimitIsRefused) {
   EXPECT_EQ(out.status, 0) << out.out;
   EXPECT_TRUE(has(out.out, "error :( mesh - displacement level 3000 needs more memory than there is\n")) << out.out;
   EXPECT_TRUE(rendered());
+}
+
+TEST(HostileScene, PhotonScenesFollowEachOtherWithoutAStartup) {
+  // qzFinalize frees every shader, also the fallback that startup made; the
+  // second scene's faces fall back to it all the same.
+  const float identityMatrix[] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+  quietStartup();
+  double brightness[2] = {};
+  for (double& sum : brightness) {
+    placedTriangleWithPhotons(identityMatrix);
+    captureOutput([&] {
+      qzInitialize();
+      qzRender();
+      for (float v : cameras[0].aovs[0].image.floats) sum += v;
+      qzFinalize();
+    });
+  }
+  EXPECT_GT(brightness[0], 0);
+  EXPECT_NEAR(brightness[1], brightness[0], 0.1 * brightness[0]);
+  captureOutput(qzShutdown);
 }
