@@ -5,16 +5,30 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <ImfChannelList.h>
+#include <ImfFrameBuffer.h>
+#include <ImfHeader.h>
+#include <ImfMultiPartOutputFile.h>
+#include <ImfOutputPart.h>
+#include <ImfPartType.h>
+#include <ImfTiledOutputPart.h>
+
 #include <cmath>
+#include <cstring>
+#include <fstream>
 #include <filesystem>
 #include <limits>
 
 #include "geometry/object.h"
 #include "geometry/scene_assembly.h"
 #include "output/camera.h"
+#include "output/exr_file.h"
+#include "shading/exr_check.h"
+#include "shading/image.h"
 #include "qz.h"
 #include "tests/command_fixture.h"
 #include "tests/scene_writer.h"
+#include "tests/test_util.h"
 
 namespace fs = std::filesystem;
 
@@ -170,7 +184,7 @@ TEST_F(HostileInput, MergeRefusesACorruptTileImageAndLives) {
   for (int i = 1; i <= 2; ++i) {
     const std::string folder = "out/tile-" + std::to_string(i);
     const ShellOutcome tile = shell("cd '" + work + "' && '" + quazelBinary() + "' --tile " + std::to_string(i) +
-                                    "/2 --resolution 16 8 --samples 1 -o " + folder + " scene/");
+                                    "/2 --resolution 16 8 --samples 1 --exr all.exr -o " + folder + " scene/");
     ASSERT_EQ(tile.status, 0) << tile.out;
     tiles += " " + folder;
   }
@@ -181,10 +195,15 @@ TEST_F(HostileInput, MergeRefusesACorruptTileImageAndLives) {
   ASSERT_NE(resolution, std::string::npos);
   std::ofstream(path, std::ios::binary) << hdr.substr(0, resolution) << "-Y 8888888888888888881 +X 3\n"
                                         << hdr.substr(hdr.find('\n', resolution) + 1);
+  // An EXR cut inside its header, which its decoder would wait on for ever.
+  const std::string exr = readFile(work + "/out/tile-2/all.exr");
+  std::ofstream(work + "/out/tile-2/all.exr", std::ios::binary) << exr.substr(0, 100);
   const ShellOutcome merged =
       shell("cd '" + work + "' && timeout 60 '" + quazelBinary() + "' merge -o out/frame" + tiles + " 2>&1");
   EXPECT_EQ(merged.status, 2) << merged.out;
   EXPECT_TRUE(has(merged.out, "quazel: merge: out/tile-2/beauty.hdr cannot be read\n")) << merged.out;
+  EXPECT_TRUE(has(merged.out, "quazel: merge: out/tile-2/all.exr cannot be read: its headers or chunk table are "
+                              "damaged\n")) << merged.out;
 }
 
 TEST_F(HostileInput, CountsPastTheirTypeAreRefusedAndEndlessOnesAnnounced) {
@@ -246,4 +265,170 @@ TEST(HostileScene, PhotonScenesFollowEachOtherWithoutAStartup) {
   EXPECT_GT(brightness[0], 0);
   EXPECT_NEAR(brightness[1], brightness[0], 0.1 * brightness[0]);
   captureOutput(qzShutdown);
+}
+
+namespace {
+// Writes one part a header, each of one float channel over a 37 x 23 window,
+// in scan lines or in tiles of every level, as the header says.
+void writeParts(const std::string& path, std::vector<Imf::Header> headers) {
+  const int width = 37, height = 23;
+  std::vector<float> pixels(size_t(width) * height, 0.25f);
+  Imf::FrameBuffer buffer;
+  buffer.insert("R", Imf::Slice(Imf::FLOAT, reinterpret_cast<char*>(pixels.data()), 4, 4 * width));
+  for (size_t p = 0; p < headers.size(); ++p) {
+    headers[p].channels().insert("R", Imf::Channel(Imf::FLOAT));
+    headers[p].setName("part" + std::to_string(p));
+    headers[p].setType(headers[p].hasTileDescription() ? Imf::TILEDIMAGE : Imf::SCANLINEIMAGE);
+  }
+  Imf::MultiPartOutputFile file(path.c_str(), headers.data(), int(headers.size()));
+  for (size_t p = 0; p < headers.size(); ++p) {
+    if (!headers[p].hasTileDescription()) {
+      Imf::OutputPart part(file, int(p));
+      part.setFrameBuffer(buffer);
+      part.writePixels(height);
+      continue;
+    }
+    Imf::TiledOutputPart part(file, int(p));
+    part.setFrameBuffer(buffer);
+    for (int ly = 0; ly < part.numYLevels(); ++ly)
+      for (int lx = 0; lx < part.numXLevels(); ++lx)
+        if (part.isValidLevel(lx, ly))
+          part.writeTiles(0, part.numXTiles(lx) - 1, 0, part.numYTiles(ly) - 1, lx, ly);
+  }
+}
+
+Imf::Header scanLines(Imf::Compression compression) {
+  Imf::Header header(37, 23);
+  header.compression() = compression;
+  return header;
+}
+
+Imf::Header tiles(int x, int y, Imf::LevelMode mode, Imf::LevelRoundingMode rounding) {
+  Imf::Header header(37, 23);
+  header.setTileDescription(Imf::TileDescription(x, y, mode, rounding));
+  return header;
+}
+
+template <typename T>
+void poke(std::string& bytes, size_t at, T value) {
+  std::memcpy(&bytes[at], &value, sizeof value);
+}
+
+// Where the value of the first part's attribute `name` starts.
+size_t valueOf(const std::string& exr, const std::string& name) {
+  const size_t at = exr.find(name + '\0');
+  return exr.find('\0', at + name.size() + 1) + 1 + 4;
+}
+
+// Where the first header ends: past its last value and the empty name.
+size_t headerEnd(const std::string& exr) {
+  size_t at = 8;
+  while (exr[at] != '\0') {
+    at = exr.find('\0', exr.find('\0', at) + 1) + 1;
+    int32_t size = 0;
+    std::memcpy(&size, &exr[at], 4);
+    at += 4 + size_t(size);
+  }
+  return at + 1;
+}
+
+class HostileExr : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { quietStartup(); }
+  void SetUp() override { folder = scratchFolder("hostile-exr-" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name())); }
+  std::string write(const std::string& name, const std::string& bytes) {
+    const std::string path = folder + "/" + name;
+    std::ofstream(path, std::ios::binary) << bytes;
+    return path;
+  }
+  // Whether a texture loads from the file, and what the load printed.
+  bool loads(const std::string& path, std::string& said) {
+    const int image = qzAddImage();
+    qzSetImageName(image, path.c_str());
+    said = captureOutput([&] { qzLoadImage(image); });
+    return images[image].loaded;
+  }
+  std::string folder;
+};
+}  // namespace
+
+TEST_F(HostileExr, EveryLayoutPassesTheStructureCheckAndLoads) {
+  ExrImage ours;
+  ours.width = ours.x1 = 16, ours.height = 8, ours.y0 = 2, ours.y1 = 7;
+  ours.layers = {{"", std::vector<float>(16 * 8 * 3, 0.5f)}, {"diffuse", std::vector<float>(16 * 8 * 3, 0.25f)}};
+  ASSERT_EQ(writeExr(folder + "/ours.exr", ours), "");
+  std::vector<std::string> paths{folder + "/ours.exr"};
+  const std::pair<const char*, std::vector<Imf::Header>> layouts[] = {
+      {"none", {scanLines(Imf::NO_COMPRESSION)}},
+      {"piz", {scanLines(Imf::PIZ_COMPRESSION)}},
+      {"dwab", {scanLines(Imf::DWAB_COMPRESSION)}},
+      {"tiled", {tiles(8, 8, Imf::ONE_LEVEL, Imf::ROUND_DOWN)}},
+      {"mipmap", {tiles(8, 4, Imf::MIPMAP_LEVELS, Imf::ROUND_DOWN)}},
+      {"ripmap", {tiles(5, 7, Imf::RIPMAP_LEVELS, Imf::ROUND_UP)}},
+      {"parts", {scanLines(Imf::PIZ_COMPRESSION), tiles(16, 16, Imf::MIPMAP_LEVELS, Imf::ROUND_UP)}}};
+  for (const auto& [name, headers] : layouts) {
+    paths.push_back(folder + "/" + name + ".exr");
+    writeParts(paths.back(), headers);
+  }
+  for (const std::string& path : paths) {
+    SCOPED_TRACE(path);
+    EXPECT_TRUE(soundOpenExrFile(path));
+    ExrImage read;
+    EXPECT_EQ(readExr(path, read), "");
+    std::string said;
+    EXPECT_TRUE(loads(path, said)) << said;
+  }
+}
+
+TEST_F(HostileExr, DamagedStructuresAreRefusedBeforeAnyDecoder) {
+  ExrImage small;
+  small.width = small.x1 = 8, small.height = small.y1 = 40;
+  small.layers = {{"", std::vector<float>(8 * 40 * 3, 0.5f)}};
+  ASSERT_EQ(writeExr(folder + "/good.exr", small), "");
+  const std::string good = readFile(folder + "/good.exr");
+  writeParts(folder + "/tiled.exr", {tiles(8, 8, Imf::ONE_LEVEL, Imf::ROUND_DOWN)});
+  const std::string tiled = readFile(folder + "/tiled.exr");
+  writeParts(folder + "/parts.exr", {scanLines(Imf::ZIP_COMPRESSION), scanLines(Imf::NO_COMPRESSION)});
+  const std::string parts = readFile(folder + "/parts.exr");
+  // Three ZIP chunks of 16 lines; the first offset follows the header.
+  const size_t table = headerEnd(good), firstChunk = table + 3 * 8;
+  std::vector<std::pair<std::string, std::string>> damaged;
+  auto edit = [&](const std::string& name, std::string bytes, auto change) {
+    change(bytes);
+    damaged.emplace_back(name, bytes);
+  };
+  // Headers cut short: the image decoder waits on these for ever.
+  for (size_t cut : {size_t(4), size_t(20), size_t(100), table - 1}) damaged.emplace_back("cut", good.substr(0, cut));
+  damaged.emplace_back("cut table", good.substr(0, table + 12));
+  edit("size past the end", good, [&](std::string& b) { poke<int32_t>(b, valueOf(b, "pixelAspectRatio") - 4, 1 << 30); });
+  edit("no compression", good, [&](std::string& b) { b[b.find("compression") + 10] = 'm'; });
+  edit("unknown compression", good, [&](std::string& b) { b[valueOf(b, "compression")] = char(200); });
+  edit("huge window", good, [&](std::string& b) { poke<int32_t>(b, valueOf(b, "dataWindow") + 12, 1 << 30); });
+  edit("inverted window", good, [&](std::string& b) { poke<int32_t>(b, valueOf(b, "dataWindow") + 8, -5); });
+  edit("zero sampling", good, [&](std::string& b) { poke<int32_t>(b, valueOf(b, "channels") + 2 + 8, 0); });
+  edit("zero offset", good, [&](std::string& b) { poke<uint64_t>(b, table + 8, 0); });
+  edit("offset past the end", good, [&](std::string& b) { poke<uint64_t>(b, table, uint64_t(1) << 40); });
+  edit("offset into the header", good, [&](std::string& b) { poke<uint64_t>(b, table, 8); });
+  edit("chunk of another line", good, [&](std::string& b) { poke<int32_t>(b, firstChunk, 5); });
+  edit("chunk past the end", good, [&](std::string& b) { poke<int32_t>(b, firstChunk + 4, 1 << 30); });
+  // A million one-pixel tiles claimed by a file of a few hundred bytes.
+  edit("tiny tiles", tiled, [&](std::string& b) {
+    poke<uint32_t>(b, valueOf(b, "tiles"), 1);
+    poke<uint32_t>(b, valueOf(b, "tiles") + 4, 1);
+    poke<int32_t>(b, valueOf(b, "dataWindow") + 8, 1023);
+    poke<int32_t>(b, valueOf(b, "dataWindow") + 12, 1023);
+  });
+  edit("unknown level mode", tiled, [&](std::string& b) { b[valueOf(b, "tiles") + 8] = 7; });
+  edit("tile outside the level", tiled, [&](std::string& b) { poke<int32_t>(b, headerEnd(b) + 15 * 8, 99); });
+  edit("chunk count", parts, [&](std::string& b) { poke<int32_t>(b, valueOf(b, "chunkCount"), 4); });
+  for (const auto& [name, bytes] : damaged) {
+    SCOPED_TRACE(name);
+    const std::string path = write("damaged.exr", bytes);
+    EXPECT_FALSE(soundOpenExrFile(path));
+    ExrImage read;
+    EXPECT_EQ(readExr(path, read), "its headers or chunk table are damaged");
+    std::string said;
+    EXPECT_FALSE(loads(path, said));
+    EXPECT_EQ(said, "error :( image - " + path + "\tcannot be read\n");
+  }
 }
