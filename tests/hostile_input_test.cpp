@@ -3,6 +3,7 @@
 // files, counts past their type and memory past the process's limit. Each run
 // ends by itself, within seconds, with its message or its image.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <ImfChannelList.h>
@@ -222,10 +223,12 @@ TEST_F(HostileInput, CountsPastTheirTypeAreRefusedAndEndlessOnesAnnounced) {
     EXPECT_TRUE(has(out.out, line)) << line << out.out;
   EXPECT_TRUE(rendered());
   // Within the type but beyond any render's end: said when the scene is read.
+  // The command takes a first stop signal at the end of a pass, and casting
+  // has none: the second one ends it.
   writeSceneFile(scene + "light", "lights.qz", "point_light\n  position 0 0 2\n  photon 2147483647\nend\n");
   writeSceneFile(scene + "render", "render.qz", "render\n  final_gather\n    sample 2147483647\n  end\nend\n");
   writeSceneFile(scene + "camera", "camera.qz", stillCamera("  resolution 8 8\n  sample 2147483647\n"));
-  out = shell("cd '" + work + "' && timeout 5 '" + quazelBinary() + "' scene/ 2>&1");
+  out = shell("cd '" + work + "' && timeout -k 1 5 '" + quazelBinary() + "' scene/ 2>&1");
   EXPECT_TRUE(has(out.out, "warning :( camera - sample is out of range\n")) << out.out;
   for (const char* block : {"light - photon", "render - sample"})
     EXPECT_TRUE(has(out.out, std::string("warning :( ") + block + " asks for more work than a render can finish\n"))
@@ -431,4 +434,57 @@ TEST_F(HostileExr, DamagedStructuresAreRefusedBeforeAnyDecoder) {
     EXPECT_FALSE(loads(path, said));
     EXPECT_EQ(said, "error :( image - " + path + "\tcannot be read\n");
   }
+}
+
+namespace {
+// A closed white box around a point light, faces inward, with the final
+// gather on: every photon lands on a patch at each of its 255 bounces.
+void photonsInAClosedBox() {
+  const float corners[] = {-1, -1, -1, 1, -1, -1, 1, 1, -1, -1, 1, -1, -1, -1, 1, 1, -1, 1, 1, 1, 1, -1, 1, 1};
+  const unsigned faces[] = {0, 1, 2, 3, 4, 7, 6, 5, 0, 4, 5, 1, 1, 5, 6, 2, 2, 6, 7, 3, 3, 7, 4, 0};
+  const int box = qzAddObject();
+  qzAddVertexData(box, 3, "position", 8, 3, corners);
+  qzAddPrimitives(box, kindTetragon, 6, faces);
+  const int light = qzAddPointLight();
+  qzSetPointLightPhoton(light, 1000000);
+  qzSetRendererPhotonDepth(255);
+  qzSetRendererResolution(0.5f);
+  const int camera = qzAddCamera();
+  qzSetCameraResolution(camera, 8, 8);
+  qzSetCameraSample(camera, 1);
+}
+
+size_t addressSpaceBytes() {
+  std::ifstream status("/proc/self/status");
+  std::string key;
+  for (size_t kilobytes = 0; status >> key;)
+    if (key == "VmSize:" && status >> kilobytes) return kilobytes * 1024;
+  return 0;
+}
+
+// Held to the address space it has, and 2 MB more, the process casts: the
+// batch that the first block of photons fills cannot grow, and the exception
+// must not leave the casting loop, which would end the process. Exits with 0,
+// or 1 without the message, 2 with nothing rendered.
+[[noreturn]] void castHeldToTheAddressSpaceItHas() {
+  quietStartup();
+  photonsInAClosedBox();
+  const rlimit limit{addressSpaceBytes() + (2 << 20), RLIM_INFINITY};
+  setrlimit(RLIMIT_AS, &limit);
+  const std::string out = captureOutput([] {
+    qzInitialize();
+    qzRender();
+  });
+  const bool said = has(out, "error :( qzInitialize() - out of memory\n");
+  _exit(said ? (cameras[0].aovs[0].image.floats.empty() ? 2 : 0) : 1);
+}
+}  // namespace
+
+TEST(HostileScene, AnAllocationThatFailsInsideAParallelLoopEndsItsStepWithTheMessage) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the address sanitizer ends the process on a failed allocation";
+#endif
+  // A fresh process: the thread pool does not survive a plain fork.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(castHeldToTheAddressSpaceItHas(), testing::ExitedWithCode(0), "");
 }
