@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <set>
@@ -23,6 +24,7 @@
 #include "app/display_png.h"
 #include "app/merge_exr.h"
 #include "app/tiling.h"
+#include "output/exr_file.h"
 
 namespace fs = std::filesystem;
 
@@ -129,14 +131,14 @@ void checkFit(const std::vector<Tile>& tiles, std::vector<std::string>& problems
       if (!tile.images.count(image)) problems.push_back(name(tile) + " has no " + image);
 }
 
-// Whether the image library decodes the file whole, asked of a child process
-// with a time limit: a malformed tile crashes or hangs the child, not the merge.
-bool decodesInChild(const std::string& path, FREE_IMAGE_FORMAT format) {
+// Whether a decode of a tile succeeds, asked of a child process with a time
+// limit: a malformed tile crashes or hangs the child, not the merge.
+bool decodesInChild(const std::function<bool()>& decode) {
   const pid_t child = fork();
   if (child == 0) {
     const int null = open("/dev/null", O_WRONLY);
     if (null >= 0) dup2(null, STDOUT_FILENO), dup2(null, STDERR_FILENO);
-    _exit(FreeImage_Load(format, path.c_str(), 0) ? 0 : 1);
+    _exit(decode() ? 0 : 1);
   }
   // No process to spare: the file is loaded unguarded, as it always was.
   if (child < 0) return true;
@@ -159,7 +161,8 @@ bool decodesInChild(const std::string& path, FREE_IMAGE_FORMAT format) {
 FIBITMAP* loadTileImage(const Tile& tile, const std::string& image, int flags) {
   const std::string path = (fs::path(tile.folder) / image).string();
   const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
-  if (format == FIF_UNKNOWN || !decodesInChild(path, format)) return nullptr;
+  if (format == FIF_UNKNOWN || !decodesInChild([&] { return FreeImage_Load(format, path.c_str(), 0) != nullptr; }))
+    return nullptr;
   return FreeImage_Load(format, path.c_str(), flags);
 }
 
@@ -173,7 +176,10 @@ void checkImages(const std::vector<Tile>& tiles, std::vector<std::string>& probl
       const std::string path = (fs::path(tile.folder) / image).string();
       if (image.ends_with(".exr")) {
         const std::string first = (fs::path(tiles[0].folder) / image).string();
-        const std::string problem = checkExrTile(path, first, tile.record.width, tile.record.height);
+        std::string problem = checkExrTile(path, first, tile.record.width, tile.record.height);
+        ExrImage whole;
+        if (problem.empty() && !decodesInChild([&] { return readExr(path, whole).empty(); }))
+          problem = path + " cannot be read";
         if (!problem.empty()) problems.push_back(problem);
         continue;
       }

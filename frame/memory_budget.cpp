@@ -7,6 +7,8 @@
 #include <fstream>
 #include <string>
 
+double memoryCeiling = 1e300;
+
 namespace {
 double physicalMemory() {
   const long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGE_SIZE);
@@ -35,5 +37,5 @@ double controlGroupLimit() {
 
 bool fitsInMemory(double bytes) {
   static const double limit = std::min({physicalMemory(), addressSpaceLimit(), controlGroupLimit()});
-  return bytes >= 0 && bytes <= limit;
+  return bytes >= 0 && bytes <= std::min(limit, memoryCeiling);
 }

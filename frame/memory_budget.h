@@ -7,3 +7,7 @@
 // in the memory the process may have: the least of the machine's physical
 // memory, its address space limit and its control group's limit.
 bool fitsInMemory(double bytes);
+
+// A further limit for a harness that runs many inputs in one process, each of
+// which may only have a small share; none by default.
+extern double memoryCeiling;

@@ -2,6 +2,7 @@
 // Row names carry their own blanks; nothing here pads a name.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <new>
 #include <string>
@@ -30,6 +31,26 @@ void guardAllocation(const char* name, Work work) {
     printError(std::string(name) + " - out of memory");
   }
 }
+
+// An exception cannot leave a parallel loop: it would end the process. Inside
+// one, each iteration's work runs through `run`, which notes a failed
+// allocation and passes over the rest of the loop's work; after the loop,
+// `rethrow` hands the failure on to the export's guardAllocation.
+struct LoopAllocation {
+  std::atomic<bool> failed{false};
+  template <typename Work>
+  void run(Work work) noexcept {
+    if (failed.load(std::memory_order_relaxed)) return;
+    try {
+      work();
+    } catch (const std::bad_alloc&) {
+      failed.store(true, std::memory_order_relaxed);
+    }
+  }
+  void rethrow() const {
+    if (failed.load()) throw std::bad_alloc();
+  }
+};
 void printBytesRow(const std::string& name, int64_t bytes);
 
 // Monotonic high-resolution clock in nanoseconds.

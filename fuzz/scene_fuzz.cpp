@@ -1,15 +1,17 @@
 // Whole runs of a scene directory: the input is cut at lines "=====" into the
 // files of one directory, in the order of `sceneFiles`. Startup, loading,
 // preparation, rendering and finalisation run as the command runs them; only
-// the amount of work is capped, through the records the scene filled, and no
-// output file is written. Startup runs once for all inputs.
+// the amount of rendering work is capped, through the records the scene
+// filled, and no output file is written. Startup runs once for all inputs.
 #include <omp.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <string_view>
 
+#include "frame/memory_budget.h"
 #include "frame/renderer.h"
 #include "fuzz/fuzz_util.h"
 #include "lights/gaffer.h"
@@ -39,39 +41,41 @@ void writeScene(const std::string& scene, const uint8_t* data, size_t size) {
   }
 }
 
-// A few pixels, one pass, short paths and few photons: the same code runs, on less work.
+// A few pixels, one pass, short paths and a few thousand photons: the same
+// code runs, on less work. What the scene builds is left as it was read:
+// instance graphs, displacement levels and their layers meet the limits the
+// renderer itself sets (the memory check under `memoryCeiling`), and counts
+// past those limits have been refused or announced while the scene was read.
 void capWork() {
   for (Camera& camera : cameras) {
     camera.width = std::min(camera.width, 6), camera.height = std::min(camera.height, 6);
     camera.sample = std::min(camera.sample, 1);
     for (CameraAOV& aov : camera.aovs) aov.image.name.clear();
   }
+  constexpr int photons = 2000;
   auto capLight = [](Light& light) {
-    light.photon = std::min<int64_t>(light.photon, 200);
+    light.photon = std::min<int64_t>(light.photon, photons);
     light.sample = std::min(light.sample, 2);
     for (CameraAOV& aov : light.aovs) aov.image.name.clear();
   };
   for (PointLight& light : pointLights) capLight(light);
   for (ParallelLight& light : parallelLights) capLight(light);
-  sky.photon = std::min(sky.photon, 200);
+  sky.photon = std::min(sky.photon, photons);
   sky.sample = std::min(sky.sample, 2);
   for (CameraAOV& aov : sky.aovs) aov.image.name.clear();
-  geometryLight.photon = std::min(geometryLight.photon, 200);
+  geometryLight.photon = std::min(geometryLight.photon, photons);
   geometryLight.sample = std::min(geometryLight.sample, 2);
   for (CameraAOV& aov : geometryLight.aovs) aov.image.name.clear();
   renderer.sample = std::min(renderer.sample, 2);
   renderer.bounce = std::min(renderer.bounce, 2);
   renderer.ray_depth = std::min(renderer.ray_depth, 4);
-  renderer.photon_depth = std::min(renderer.photon_depth, 4);
+  renderer.photon_depth = std::min(renderer.photon_depth, 6);
   renderer.geometry_light_sample = std::min(renderer.geometry_light_sample, 2);
   renderer.sky_light_sample = std::min(renderer.sky_light_sample, 2);
-  // The final gather's patch count grows with the inverse square of its size.
-  renderer.resolution = 0;
-  for (Shader& shader : shaders) {
-    std::vector<TextureNode>& layers = shader.geometry.vector;
-    if (layers.size() > 2) layers.resize(2);
-    for (TextureNode& layer : layers) layer.level = std::min(layer.level, 3);
-  }
+  // The final gather stays on where asked, with one patch a face: the patch
+  // count otherwise grows with the inverse square of the patch size, and past
+  // its limit the renderer ends the process as it must.
+  if (renderer.resolution > 0) renderer.resolution = std::numeric_limits<float>::max();
 }
 
 }  // namespace
@@ -82,6 +86,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   omp_set_num_threads(1);
   // A decoder that hangs is given up well inside the fuzzer's own limit.
   imageDecodeSeconds = 3;
+  // Displacement and images are weighed against a small share, so that the
+  // memory check refuses what a larger process would build.
+  memoryCeiling = 32.0 * 1024 * 1024;
   // The number and slope tables do not depend on the scene: built once, they
   // would otherwise take most of each run.
   qzStartup();

@@ -2,6 +2,7 @@
 // root looks for the nearest face of its own object that it lies above.
 #include <cmath>
 
+#include "frame/report.h"
 #include "geometry/object.h"
 
 namespace {
@@ -91,12 +92,16 @@ void assignHairUv(Object& object) {
   CylinderSet& hair = object.cylinders;
   if (hair.indices.empty()) return;
   const int strands = int(hair.strandRoots.size());
+  LoopAllocation allocation;
 #pragma omp parallel for schedule(dynamic, 1)
   for (int s = 0; s < strands; ++s) {
-    FloatPair uv = surfaceUv(object, hair.strandRoots[s]);
-    hair.strandRoots[s].x = uv.u;
-    hair.strandRoots[s].y = uv.v;
+    allocation.run([&] {
+      FloatPair uv = surfaceUv(object, hair.strandRoots[s]);
+      hair.strandRoots[s].x = uv.u;
+      hair.strandRoots[s].y = uv.v;
+    });
   }
+  allocation.rethrow();
   std::vector<FloatPair>& uv = hair.pairChannels[0].values;
   uv.resize(hair.worldPositions.size());
   for (const Cylinder& c : hair.indices) {

@@ -199,6 +199,11 @@ void updateMovingObjects() {
   publishBounds();
 }
 
-void qzInitializeAccelerator() { assembleScene(); }
+void qzInitializeAccelerator() {
+  // Every face whose shader is unknown falls back to shader 0; a scene built
+  // after qzFinalize without a new qzStartup has none until it is made here.
+  if (shaders.empty()) createDefaultShader();
+  assembleScene();
+}
 
 void qzFinalizeAccelerator() { std::vector<Object>().swap(objects); }

@@ -15,6 +15,8 @@
 #include <exception>
 #include <map>
 
+#include "shading/exr_check.h"
+
 namespace {
 const char* const channelNames[3] = {"R", "G", "B"};
 
@@ -87,6 +89,8 @@ std::string writeExr(const std::string& path, const ExrImage& image) {
 
 std::string readExr(const std::string& path, ExrImage& image, bool pixels) {
   image = ExrImage{};
+  // The library loops or allocates without bound on some damaged files.
+  if (!soundOpenExrFile(path)) return "its headers or chunk table are damaged";
   try {
     Imf::InputFile file(path.c_str());
     const Imf::Header& header = file.header();

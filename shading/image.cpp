@@ -13,6 +13,7 @@
 #include "frame/sequence.h"
 #include "output/exr_file.h"
 #include "qz.h"
+#include "shading/exr_check.h"
 #include "shading/image_decode.h"
 
 std::vector<Image> images;
@@ -156,7 +157,7 @@ namespace {
 void loadFile(Image& image, const std::string& path) {
   const FREE_IMAGE_FORMAT format = FreeImage_GetFileType(path.c_str(), 0);
   const bool readable = format != FIF_UNKNOWN && (format != FIF_HDR || soundRadianceHeader(path)) &&
-                        (format != FIF_EXR || soundOpenExrHeader(path)) && decodeContained(image, path, decodeImageFile);
+                        (format != FIF_EXR || soundOpenExrFile(path)) && decodeContained(image, path, decodeImageFile);
   if (!readable) {
     // Found but unreadable: say so, so a missing texture has a reason in the report.
     printError("image - " + image.name + "\tcannot be read");

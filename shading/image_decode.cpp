@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 
 #include "frame/memory_budget.h"
 
@@ -111,12 +110,6 @@ int64_t fileLength(const std::string& path) {
 
 }  // namespace
 
-double believableDecodedBytes(int64_t fileBytes) {
-  // Deflate tops out near 1:1032 and run-length codes far below; small images
-  // always pass.
-  return 2048.0 * double(fileBytes) + 64.0 * 1024 * 1024;
-}
-
 bool soundRadianceHeader(const std::string& path) {
   FILE* file = std::fopen(path.c_str(), "rb");
   if (!file) return false;
@@ -141,43 +134,6 @@ bool soundRadianceHeader(const std::string& path) {
   }
   std::fclose(file);
   return sound;
-}
-
-bool soundOpenExrHeader(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  uint32_t magic = 0, version = 0;
-  if (!file.read(reinterpret_cast<char*>(&magic), 4) || !file.read(reinterpret_cast<char*>(&version), 4) ||
-      magic != 20000630)
-    return false;
-  const int64_t length = fileLength(path);
-  // A string of at most 255 characters and its NUL; false when the file ends
-  // first.
-  auto readName = [&](std::string& name) {
-    name.clear();
-    for (char c; file.get(c);) {
-      if (c == '\0') return true;
-      if (name.size() == 255) return false;
-      name += c;
-    }
-    return false;
-  };
-  const bool multipart = version & 0x1000;
-  std::string name, type;
-  for (int part = 0;; ++part) {
-    // Attributes up to an empty name; in a multipart file, headers up to an
-    // empty header.
-    int attributes = 0;
-    while (readName(name) && !name.empty()) {
-      int32_t size = 0;
-      if (!readName(type) || !file.read(reinterpret_cast<char*>(&size), 4) || size < 0 ||
-          int64_t(file.tellg()) + size > length)
-        return false;
-      file.seekg(size, std::ios::cur);
-      ++attributes;
-    }
-    if (!file || (attributes == 0 && (!multipart || part == 0))) return false;
-    if (!multipart || attributes == 0) return true;
-  }
 }
 
 uint8_t* pixelBytes(Image& image, size_t& size) {

@@ -26,7 +26,6 @@ void traceBlock(int64_t first, int64_t end, const LightLink& link, Emit& emit, P
     emit(ray, uint64_t(i));
     if (maxComponent(ray.throughput) > 0 && int(ray.bounces) < photonDepthLimit()) tracePhoton(ray, link);
   }
-  photonBatch = nullptr;
 }
 
 // A block's photons and patch power, added in the blocks' order, with the
@@ -50,15 +49,20 @@ void castFrom(int64_t count, const LightLink& link, Emit emit) {
   const int64_t start = clockNanoseconds();
   constexpr int64_t block = 1024;
   const int64_t blocks = count / block + (count % block != 0);
+  LoopAllocation allocation;
 #pragma omp parallel for ordered schedule(dynamic, 1)
   for (int64_t b = 0; b < blocks; ++b) {
     const int64_t first = b * block, end = std::min(count, first + block);
     PhotonBatch batch;
-    traceBlock(first, end, link, emit, batch);
+    allocation.run([&] { traceBlock(first, end, link, emit, batch); });
+    photonBatch = nullptr;
 #pragma omp ordered
 #pragma omp critical(photonStore)
-    landBlock(batch, first, end, count);
+    allocation.run([&] { landBlock(batch, first, end, count); });
   }
+  // A store cut short has no tree and is not searched.
+  if (allocation.failed) clearPhotons();
+  allocation.rethrow();
   const int64_t microseconds = std::max<int64_t>((clockNanoseconds() - start) / 1000, 1);
   printRow("photon   cast", float(closestRays()) / float(microseconds), "M rays/s");
 }
