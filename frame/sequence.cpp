@@ -7,16 +7,19 @@ float unitFloat(uint32_t bits) { return float(bits >> 8) * 0x1p-24f; }
 thread_local uint32_t looseKey = 0, looseCount = 0;
 
 // Direction numbers of the first five Sobol dimensions, from their primitive
-// polynomials (degree s, coefficients a) and initial numbers m.
+// polynomials (degree s, coefficients a) and initial numbers m, kept as the
+// xor of the numbers that each byte of the index selects: a point costs four
+// loads a dimension, whatever its index.
 constexpr int jointDimensions = 5;
-struct SobolMatrices {
-  uint32_t v[jointDimensions][32];
-  SobolMatrices() {
+struct SobolTables {
+  uint32_t bytes[jointDimensions][4][256];
+  SobolTables() {
     struct Polynomial {
       int s;
       uint32_t a, m[3];
     };
     const Polynomial polynomials[jointDimensions - 1] = {{1, 0, {1}}, {2, 1, {1, 3}}, {3, 1, {1, 3, 1}}, {3, 2, {1, 1, 1}}};
+    uint32_t v[jointDimensions][32];
     for (int k = 0; k < 32; ++k) v[0][k] = 1u << (31 - k);
     for (int d = 1; d < jointDimensions; ++d) {
       const Polynomial& p = polynomials[d - 1];
@@ -31,15 +34,21 @@ struct SobolMatrices {
         v[d][k] = x;
       }
     }
+    for (int d = 0; d < jointDimensions; ++d)
+      for (int b = 0; b < 4; ++b)
+        for (uint32_t byte = 0; byte < 256; ++byte) {
+          uint32_t r = 0;
+          for (int k = 0; k < 8; ++k)
+            if ((byte >> k) & 1) r ^= v[d][8 * b + k];
+          bytes[d][b][byte] = r;
+        }
   }
 };
-const SobolMatrices sobolMatrices;
+const SobolTables sobolTables;
 
 uint32_t sobolWord(uint32_t index, int dimension) {
-  uint32_t r = 0;
-  for (int k = 0; index != 0; index >>= 1, ++k)
-    if (index & 1) r ^= sobolMatrices.v[dimension][k];
-  return r;
+  const auto& t = sobolTables.bytes[dimension];
+  return t[0][index & 0xff] ^ t[1][(index >> 8) & 0xff] ^ t[2][(index >> 16) & 0xff] ^ t[3][index >> 24];
 }
 
 // The first decisions of a camera path share one five-dimensional Sobol point,
@@ -67,14 +76,6 @@ void jointPair(const SampleCursor& c, int dimension, uint32_t& x, uint32_t& y) {
 }
 }  // namespace
 
-uint32_t reverseBits(uint32_t v) {
-  v = ((v >> 1) & 0x55555555u) | ((v & 0x55555555u) << 1);
-  v = ((v >> 2) & 0x33333333u) | ((v & 0x33333333u) << 2);
-  v = ((v >> 4) & 0x0F0F0F0Fu) | ((v & 0x0F0F0F0Fu) << 4);
-  v = ((v >> 8) & 0x00FF00FFu) | ((v & 0x00FF00FFu) << 8);
-  return (v >> 16) | (v << 16);
-}
-
 uint32_t owenScramble(uint32_t v, uint32_t seed) {
   // Reversed, each step carries from low bits to high ones only, so that a
   // digit of the fraction depends on the digits before it.
@@ -99,10 +100,7 @@ uint32_t hashWords(uint32_t a, uint32_t b) {
 
 void sobolWords(uint32_t index, uint32_t& x, uint32_t& y) {
   x = reverseBits(index);
-  // The second dimension's direction numbers: v1 = 1/2, v(k+1) = v(k) xor v(k) / 2.
-  y = 0;
-  for (uint32_t v = 0x80000000u; index != 0; index >>= 1, v ^= v >> 1)
-    if (index & 1) y ^= v;
+  y = sobolWord(index, 1);
 }
 
 void sobolPair(const SampleCursor& cursor, float& u1, float& u2) {

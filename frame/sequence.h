@@ -31,7 +31,12 @@ enum Decision : uint32_t {
 };
 constexpr uint32_t decisionsPerBounce = 32;
 
-uint32_t reverseBits(uint32_t v);
+inline uint32_t reverseBits(uint32_t v) {
+  v = __builtin_bswap32(v);
+  v = ((v >> 4) & 0x0F0F0F0Fu) | ((v & 0x0F0F0F0Fu) << 4);
+  v = ((v >> 2) & 0x33333333u) | ((v & 0x33333333u) << 2);
+  return ((v >> 1) & 0x55555555u) | ((v & 0x55555555u) << 1);
+}
 // A bijection of 32-bit words in which each bit depends on those above it
 // only: a hashed nested uniform scramble (Owen scramble) of a binary fraction.
 uint32_t owenScramble(uint32_t v, uint32_t seed);

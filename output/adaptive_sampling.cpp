@@ -15,6 +15,7 @@ void preparePixelNoise(const Camera& camera) {
   const size_t count = size_t(camera.width) * size_t(camera.height);
   pixelNoise.second_moment.assign(count, 0.0f);
   pixelNoise.passes.assign(count, 0);
+  pixelNoise.converged.assign(count, 0);
   pixelNoise.stopped.assign(count, 0);
 }
 
@@ -26,16 +27,36 @@ float relativeError(float m, float m2, int n) {
   return std::sqrt(variance / float(n)) / std::fmax(std::fabs(m), 0.01f);
 }
 
-bool addToPixelNoise(int64_t p, Color3f mean, Color3f L, int pass) {
+void addToPixelNoise(int64_t p, Color3f mean, Color3f L, int pass) {
   const float s = (L.r + L.g + L.b) * (1.0f / 3);
   float& m2 = pixelNoise.second_moment[size_t(p)];
   m2 = (float(pass) * m2 + s * s) * (1.0f / float(pass + 1));
   pixelNoise.passes[size_t(p)] = uint16_t(pass + 1);
   const int n = pass + 1;
-  if (n < std::max(renderer.min_passes, 2)) return true;
-  const bool done = relativeError((mean.r + mean.g + mean.b) * (1.0f / 3), m2, n) < renderer.noise_threshold;
-  pixelNoise.stopped[size_t(p)] = done;
-  return !done;
+  pixelNoise.converged[size_t(p)] =
+      n >= std::max(renderer.min_passes, 2) &&
+      relativeError((mean.r + mean.g + mean.b) * (1.0f / 3), m2, n) < renderer.noise_threshold;
+}
+
+int64_t settlePixelNoise(const Region& region, int width) {
+  const auto done = [&](int x, int y) {
+    const size_t q = size_t(int64_t(y) * width + x);
+    return pixelNoise.stopped[q] || pixelNoise.converged[q];
+  };
+  int64_t active = 0;
+#pragma omp parallel for reduction(+ : active)
+  for (int y = region.min_y; y < region.max_y; ++y)
+    for (int x = region.min_x; x < region.max_x; ++x) {
+      uint8_t& stopped = pixelNoise.stopped[size_t(int64_t(y) * width + x)];
+      if (stopped) continue;
+      bool all = true;
+      for (int v = std::max(y - 1, region.min_y); v <= std::min(y + 1, region.max_y - 1) && all; ++v)
+        for (int u = std::max(x - 1, region.min_x); u <= std::min(x + 1, region.max_x - 1) && all; ++u)
+          all = done(u, v);
+      stopped = all;
+      active += !all;
+    }
+  return active;
 }
 
 void completeAOVs(std::vector<CameraAOV>& aovs, size_t first, int planned, int passes) {

@@ -1,6 +1,7 @@
 // Adaptive sampling: beside each beauty pixel's running mean, the running mean
 // of its squared samples, from which the pixel's noise is judged; a pixel
-// whose mean is known well enough stops taking passes and keeps its value.
+// whose mean is known well enough, and whose neighbours' are too, stops taking
+// passes and keeps its value.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +13,7 @@
 struct PixelNoise {
   std::vector<float> second_moment;  // running mean of the squared channel mean of each sample
   std::vector<uint16_t> passes;      // passes each pixel took
+  std::vector<uint8_t> converged;    // 1 while a pixel's own error is below the threshold
   std::vector<uint8_t> stopped;      // 1 once a pixel takes no more passes
   int64_t active = 0;                // pixels of the region still taking passes
 };
@@ -27,9 +29,14 @@ inline bool pixelActive(int64_t p) { return !adaptiveSampling() || !pixelNoise.s
 // whose squares have the mean m2. Below a mean of 0.01 the error is taken
 // against 0.01, so that nearly black pixels are not chased for ever.
 float relativeError(float m, float m2, int n);
-// Counts sample L of pass `pass` into pixel p's noise; false once the pixel is
-// done: its relative error is below the threshold after the minimum of passes.
-bool addToPixelNoise(int64_t p, Color3f mean, Color3f L, int pass);
+// Counts sample L of pass `pass` into pixel p's noise and judges it: converged
+// when its relative error is below the threshold after the minimum of passes.
+void addToPixelNoise(int64_t p, Color3f mean, Color3f L, int pass);
+// After a pass: a pixel stops when it and every neighbour in the region have
+// converged. One estimate from a few samples is itself noisy; asking the
+// neighbours too keeps a pixel whose samples happened to agree from stopping
+// in a noisy patch. Returns the pixels still active.
+int64_t settlePixelNoise(const Region& region, int width);
 // After a render that ended early, or pixels that stopped early, the outputs
 // that add up a share of every pass (all but the beauty, and the lights')
 // are scaled up to what the planned passes would have given.

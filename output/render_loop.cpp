@@ -37,8 +37,7 @@ void runPass(std::vector<Color3f>* out) {
   const int64_t start = clockNanoseconds();
   // Only a whole pass into the beauty's running mean can tell a pixel's noise.
   const bool adaptive = !out && adaptiveSampling();
-  int64_t active = 0;
-#pragma omp parallel for schedule(dynamic, 1) reduction(+ : active)
+#pragma omp parallel for schedule(dynamic, 1)
   for (int y = region.min_y; y < region.max_y; ++y) {
     for (int x = region.min_x; x < region.max_x; ++x) {
       const int64_t p = int64_t(y) * camera.width + x;
@@ -54,11 +53,11 @@ void runPass(std::vector<Color3f>* out) {
       } else {
         const Color3f mean = runningMean(readPixel(beauty, p), L, pass);
         writePixel(beauty, mean, p);
-        if (adaptive) active += addToPixelNoise(p, mean, L, pass);
+        if (adaptive) addToPixelNoise(p, mean, L, pass);
       }
     }
   }
-  if (adaptive) pixelNoise.active = active;
+  if (adaptive) pixelNoise.active = settlePixelNoise(region, camera.width);
   renderer.elapsed += (clockNanoseconds() - start) / 1000;
   // The threads are let go between passes: what runs in between (the report,
   // the poses of moving geometry, the preview, the images) leaves the cores

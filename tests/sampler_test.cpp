@@ -14,6 +14,7 @@
 #include "frame/renderer.h"
 #include "frame/sequence.h"
 #include "lights/gaffer.h"
+#include "output/adaptive_sampling.h"
 #include "output/camera.h"
 #include "shading/shader.h"
 #include "qz.h"
@@ -175,6 +176,24 @@ TEST_F(EarlyEnd, NoiseThresholdStopsTheQuietHalfFirstAndCompletesTheOutputs) {
   // the emitter's 128 stopped pixels would add one each.
   EXPECT_LE(closestRays(), 3u * uint64_t(active(lines.back())));
   expectColorNear(meanNormal(), {0.5f, 1, 0.5f}, 1e-4f);
+}
+
+// A pixel stops only with its neighbours; stopped pixels count as settled,
+// and neighbours outside the region are not asked.
+TEST(PixelNoise, APixelStopsWhenItAndItsNeighboursHaveConverged) {
+  pixelNoise.converged = {1, 1, 1, 1,  //
+                          1, 1, 1, 0,  //
+                          1, 1, 1, 1};
+  pixelNoise.stopped = {0, 0, 0, 0,  //
+                        0, 0, 0, 0,  //
+                        0, 0, 0, 1};
+  EXPECT_EQ(settlePixelNoise({.min_x = 0, .max_x = 4, .max_y = 3, .min_y = 0}, 4), 5);
+  EXPECT_EQ(pixelNoise.stopped, (std::vector<uint8_t>{1, 1, 0, 0, 1, 1, 0, 0, 1, 1, 0, 1}));
+  // The column beside the unsettled pixel, cut off by the region, stops.
+  pixelNoise.stopped.assign(12, 0);
+  EXPECT_EQ(settlePixelNoise({.min_x = 0, .max_x = 2, .max_y = 3, .min_y = 0}, 4), 0);
+  EXPECT_EQ(pixelNoise.stopped[1], 1);
+  freePixelNoise();
 }
 
 TEST_F(EarlyEnd, TimeLimitEndsAfterAWholePassWithFinishedOutputs) {
