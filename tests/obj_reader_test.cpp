@@ -74,7 +74,7 @@ TEST_F(ObjReaderTest, IndicesCountFromTheEndWhenNegative) {
   EXPECT_TRUE(mesh().normals.size() == 6 && mesh().tangents.size() == 6);
 }
 
-TEST_F(ObjReaderTest, PolygonsAreDroppedWithOneWarning) {
+TEST_F(ObjReaderTest, PolygonsAreDroppedAndDegenerateQuadranglesCutEachWithOneWarning) {
   const std::string out = load(std::string(square) + "v 2 2 0\nv 3 3 0\nf 1 2 3 4 5 6\nf 1 2 3 4 5\nf 1 2\nf 1\nf 3 2 1\n");
   EXPECT_EQ(occurrences(out, "warning :( object - please triangulate/quadrangulate the input model(s)\n"), 1u);
   EXPECT_EQ(mesh().triangles.size(), 1u);
@@ -83,6 +83,16 @@ TEST_F(ObjReaderTest, PolygonsAreDroppedWithOneWarning) {
   ObjReader reader = readerFor(objects[object]);
   std::ofstream(folder + "/again.obj") << square << "v 2 2 0\nf 1 2 3 4 5\nf 1 2 3 4 5\n";
   EXPECT_EQ(occurrences(captureOutput([&] { readObjFile(reader, folder + "/again.obj"); }), "please triangulate"), 1u);
+
+  // Degenerate quadrangles keep three corners, with a warning of their own, once.
+  const std::string degenerate = load(std::string(square) + "f 1 2 2 3\nf 4 1 2 4\nf 1 1 2 2\n");
+  EXPECT_EQ(occurrences(degenerate, "warning :( object - there are degenerated quadrangles\n"), 1u);
+  ASSERT_EQ(mesh().triangles.size(), 2u);
+  // 1 and 2 equal: corners 0, 1, 3.
+  EXPECT_EQ(corners(mesh().triangles[0]), (std::vector<Vec3f>{{0, 0, 0}, {1, 0, 0}, {1, 1, 0}}));
+  // 0 and 3 equal: corners 0, 1, 2.
+  EXPECT_EQ(corners(mesh().triangles[1]), (std::vector<Vec3f>{{0, 1, 0}, {0, 0, 0}, {1, 0, 0}}));
+  // "1 1 2 2": the last pair (2, 3) keeps 0, 1, 2, a triangle with two equal positions: dropped.
 }
 
 TEST_F(ObjReaderTest, OnlyRectanglesStayTetragons) {
@@ -99,17 +109,6 @@ TEST_F(ObjReaderTest, OnlyRectanglesStayTetragons) {
   const Vec3f bent[4] = {{0, 0, 0}, {2, 0, 0}, {2, 1, 0.01f}, {0, 1, 0}};
   EXPECT_TRUE(isPlanar(rectangle) && isRectangular(rectangle));
   EXPECT_FALSE(isPlanar(bent));
-}
-
-TEST_F(ObjReaderTest, DegenerateQuadranglesKeepThreeCorners) {
-  const std::string out = load(std::string(square) + "f 1 2 2 3\nf 4 1 2 4\nf 1 1 2 2\n");
-  EXPECT_EQ(occurrences(out, "warning :( object - there are degenerated quadrangles\n"), 1u);
-  ASSERT_EQ(mesh().triangles.size(), 2u);
-  // 1 and 2 equal: corners 0, 1, 3.
-  EXPECT_EQ(corners(mesh().triangles[0]), (std::vector<Vec3f>{{0, 0, 0}, {1, 0, 0}, {1, 1, 0}}));
-  // 0 and 3 equal: corners 0, 1, 2.
-  EXPECT_EQ(corners(mesh().triangles[1]), (std::vector<Vec3f>{{0, 1, 0}, {0, 0, 0}, {1, 0, 0}}));
-  // "1 1 2 2": the last pair (2, 3) keeps 0, 1, 2, a triangle with two equal positions: dropped.
 }
 
 TEST_F(ObjReaderTest, MaterialsSplitWeldsAndNameShaders) {
