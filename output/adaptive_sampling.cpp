@@ -39,10 +39,8 @@ void addToPixelNoise(int64_t p, Color3f mean, Color3f L, int pass) {
 }
 
 int64_t settlePixelNoise(const Region& region, int width) {
-  const auto done = [&](int x, int y) {
-    const size_t q = size_t(int64_t(y) * width + x);
-    return pixelNoise.stopped[q] || pixelNoise.converged[q];
-  };
+  // A stopped pixel is not traced again, so its flag stays converged.
+  const auto done = [&](int x, int y) { return pixelNoise.converged[size_t(int64_t(y) * width + x)] != 0; };
   int64_t active = 0;
 #pragma omp parallel for reduction(+ : active)
   for (int y = region.min_y; y < region.max_y; ++y)

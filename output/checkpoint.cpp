@@ -38,13 +38,14 @@ Buffer bufferOf(std::vector<T>& values) {
 
 // What grows over the passes, in a fixed order: the camera's framebuffers, the
 // sky's and the geometry light's, then each pixel's noise, pass count and
-// whether it stopped.
+// whether it converged and stopped.
 std::vector<Buffer> runningSums() {
   std::vector<Buffer> list;
   for (auto* aovs : {&cameras[size_t(renderer.camera)].aovs, &sky.aovs, &geometryLight.aovs})
     for (CameraAOV& aov : *aovs) list.push_back(bufferOf(aov.image.floats));
   list.push_back(bufferOf(pixelNoise.second_moment));
   list.push_back(bufferOf(pixelNoise.passes));
+  list.push_back(bufferOf(pixelNoise.converged));
   list.push_back(bufferOf(pixelNoise.stopped));
   list.push_back({reinterpret_cast<char*>(&pixelNoise.active), sizeof pixelNoise.active});
   return list;

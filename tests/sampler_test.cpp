@@ -178,8 +178,8 @@ TEST_F(EarlyEnd, NoiseThresholdStopsTheQuietHalfFirstAndCompletesTheOutputs) {
   expectColorNear(meanNormal(), {0.5f, 1, 0.5f}, 1e-4f);
 }
 
-// A pixel stops only with its neighbours; stopped pixels count as settled,
-// and neighbours outside the region are not asked.
+// A pixel stops only with its neighbours; neighbours outside the region are
+// not asked.
 TEST(PixelNoise, APixelStopsWhenItAndItsNeighboursHaveConverged) {
   pixelNoise.converged = {1, 1, 1, 1,  //
                           1, 1, 1, 0,  //
