@@ -9,6 +9,7 @@
 #include "app/merge.h"
 #include "app/options.h"
 #include "app/render_command.h"
+#include "app/resume.h"
 
 int main(int argc, char** argv) {
   const CommandLine line = parseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
@@ -27,7 +28,18 @@ int main(int argc, char** argv) {
     case CommandLine::render:
       break;
   }
+  RenderOptions options = line.render_options;
+  if (!options.resume.empty()) {
+    const std::string problem = readResumeSettings(options.resume, options);
+    if (!problem.empty()) {
+      std::cerr << "quazel: " << problem << std::endl;
+      return 2;
+    }
+  }
+  // Taken here, in the working folder the paths were given in; a model file is
+  // rendered through a temporary scene, and a resumed render imports it again.
+  const std::vector<std::string> settings = settingArguments(options);
   std::error_code error;
-  if (std::filesystem::is_regular_file(line.render_options.scene, error)) return renderModel(line.render_options);
-  return runRender(line.render_options);
+  if (std::filesystem::is_regular_file(options.scene, error)) return renderModel(options, settings);
+  return runRender(options, settings);
 }

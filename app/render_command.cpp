@@ -157,11 +157,7 @@ bool routeReport(const std::string& log) {
 }
 }  // namespace
 
-int runRender(RenderOptions options) {
-  if (!options.resume.empty()) {
-    const std::string problem = readResumeSettings(options.resume, options);
-    if (!problem.empty()) return fail(problem);
-  }
+int runRender(RenderOptions options, const std::vector<std::string>& settings) {
   if (options.preview && !std::getenv("DISPLAY")) {
     std::cerr << "quazel: --preview needs a display, and DISPLAY is not set\n";
     return 1;
@@ -206,7 +202,7 @@ int runRender(RenderOptions options) {
   // The library writes images by bare name, into the working directory.
   if (!options.output.empty()) fs::current_path(options.output, error);
   qzSetCheckpoint(checkpointName, options.checkpoint_seconds);
-  if (options.checkpoint_seconds > 0 && !writeResumeSettings(options))
+  if (options.checkpoint_seconds > 0 && !writeResumeSettings(settings))
     return fail(std::string(resumeSettingsName) + " cannot be written in " + fs::current_path(error).string());
   if (!options.resume.empty()) qzResumeCheckpoint(checkpointName);
   const fs::file_time_type start = fs::file_time_type::clock::now() - std::chrono::milliseconds(100);
@@ -222,7 +218,7 @@ int runRender(RenderOptions options) {
 
   const int unsaved = qzCountUnsavedImages();
   if (stopped) {
-    writeResumeSettings(options);
+    writeResumeSettings(settings);
   } else {
     removeResumeFiles();
   }

@@ -1,5 +1,6 @@
 #include "app/resume.h"
 
+#include <charconv>
 #include <filesystem>
 #include <fstream>
 
@@ -7,6 +8,15 @@ namespace fs = std::filesystem;
 
 const char* const checkpointName = "quazel.checkpoint";
 const char* const resumeSettingsName = "quazel-resume.txt";
+
+namespace {
+// The shortest text that reads back as the same number.
+template <typename T>
+std::string exactText(T value) {
+  char text[32];
+  return std::string(text, std::to_chars(text, text + sizeof text, value).ptr);
+}
+}  // namespace
 
 std::vector<std::string> settingArguments(const RenderOptions& o) {
   std::vector<std::string> args;
@@ -18,17 +28,23 @@ std::vector<std::string> settingArguments(const RenderOptions& o) {
   if (o.samples) add({"--samples", std::to_string(o.samples)});
   if (o.width) add({"--resolution", std::to_string(o.width), std::to_string(o.height)});
   if (!o.exr.empty()) add({"--exr", o.exr});
-  if (o.checkpoint_seconds > 0) add({"--checkpoint", std::to_string(o.checkpoint_seconds)});
+  if (o.checkpoint_seconds > 0) add({"--checkpoint", exactText(o.checkpoint_seconds)});
+  if (!o.camera.empty()) add({"--camera", o.camera});
   std::error_code error;
+  if (!o.sky.empty()) add({"--sky", fs::absolute(o.sky, error).string()});
+  if (!o.sampler.empty()) add({"--sampler", o.sampler});
+  if (o.has_seed) add({"--seed", std::to_string(o.seed)});
+  if (o.noise_threshold >= 0) add({"--noise-threshold", exactText(o.noise_threshold)});
+  if (o.time_limit > 0) add({"--time-limit", exactText(o.time_limit)});
   args.push_back(fs::absolute(o.scene, error).string());
   return args;
 }
 
-bool writeResumeSettings(const RenderOptions& options) {
+bool writeResumeSettings(const std::vector<std::string>& settings) {
   const std::string partial = std::string(resumeSettingsName) + ".partial";
   {
     std::ofstream out(partial);
-    for (const std::string& arg : settingArguments(options)) out << arg << "\n";
+    for (const std::string& arg : settings) out << arg << "\n";
     if (!out) return false;
   }
   std::error_code error;

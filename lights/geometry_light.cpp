@@ -26,6 +26,8 @@ const Object* rootOrNull() { return size_t(rootObject) < objects.size() ? &objec
 // where the side emits.
 GeometryLightPoint drawPoint(uint32_t i) {
   GeometryLightPoint record;
+  // Texel picks of a textured emission, the same on every run of a seed.
+  startLooseStream(photonScramble(), i);
   EmitterPick pick;
   if (!pickEmitter(i, geometryLightPointCount, pick)) return record;
   const EmitterPoint point = sampleEmitter(pick, radicalInverse(i, 2), radicalInverse(i, 3));

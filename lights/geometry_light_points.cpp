@@ -163,10 +163,11 @@ EmitterPoint sampleEmitter(const EmitterPick& pick, float u1, float u2) {
 }
 
 void emitGeometryPhoton(Ray& ray, uint64_t index) {
+  // Started first: a textured emission picks texels from the photon's stream.
+  startPhoton(ray, index, 4, 1);
   EmitterPick pick;
   const int64_t count = geometryLight.photon;
   if (count <= 0 || !pickEmitter(index, uint64_t(count), pick)) {
-    startPhoton(ray, index, 4, 1);
     ray.weight = black;
     return;
   }
@@ -178,7 +179,6 @@ void emitGeometryPhoton(Ray& ray, uint64_t index) {
   buildOrthonormalBasis(frame.normal, frame.tangent, frame.bitangent);
   sampleHemisphere(ray.direction, frame, {uint32_t(index), 2, photonScramble()});
   ray.origin = point.position;
-  startPhoton(ray, index, 4, 1);
   // The photon must not find the primitive it leaves.
   ray.prev_kind = pick.kind;
   ray.prev_primitive = pick.primitive;

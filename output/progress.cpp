@@ -11,6 +11,7 @@ namespace {
 int firstPassOfRun = 0;
 int64_t startOfRun = 0;
 int terminalFd = -1, farmFd = -1;
+bool terminalLineOpen = false;  // the status line waits for its end of line
 
 std::string clockText(double seconds) {
   if (seconds < 0) return "-:--:--";
@@ -64,9 +65,16 @@ std::string farmLine(const PassStatus& s) {
 
 void reportPassStatus(const PassStatus& status) {
   // Carriage return and erase to the end of the line: the line is rewritten in place.
-  if (terminalFd >= 0)
-    writeAll(terminalFd, "\r" + terminalLine(status) + "\033[K" + (status.pass == status.passes ? "\n" : ""));
+  if (terminalFd >= 0) {
+    writeAll(terminalFd, "\r" + terminalLine(status) + "\033[K");
+    terminalLineOpen = true;
+  }
   if (farmFd >= 0) writeAll(farmFd, farmLine(status) + "\n");
+}
+
+void endPassStatus() {
+  if (terminalLineOpen) writeAll(terminalFd, "\n");
+  terminalLineOpen = false;
 }
 
 void qzSetProgressOutput(int fd, int form) {

@@ -23,3 +23,5 @@ std::string terminalLine(const PassStatus& status);
 std::string farmLine(const PassStatus& status);
 // Writes the status to the outputs the host asked for.
 void reportPassStatus(const PassStatus& status);
+// Ends the terminal's status line once the render ends, whichever pass it ends on.
+void endPassStatus();

@@ -68,6 +68,7 @@ void runPass(std::vector<Color3f>* out) {
 void closeRender(int64_t start) {
   Camera& camera = cameras[renderer.camera];
   // Outputs that add a share of each planned pass are completed for the passes not made.
+  endPassStatus();
   completeAOVs(camera.aovs, 1, camera.sample, renderer.pass);
   completeAOVs(sky.aovs, 0, camera.sample, renderer.pass);
   completeAOVs(geometryLight.aovs, 0, camera.sample, renderer.pass);

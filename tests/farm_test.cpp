@@ -66,8 +66,10 @@ TileRecord band(int index, int count, int width, int height, const PixelRect& re
 }  // namespace
 
 TEST(FarmOptions, ReadsEveryOptionAndRefusesBadValues) {
-  const CommandLine line = parse({"-o", "out", "--region", "1", "2", "30", "40", "--tile", "3/8", "--samples", "9",
-                                  "--resolution", "64", "48", "--preview", "scene"});
+  const CommandLine line =
+      parse({"-o", "out", "--region", "1", "2", "30", "40", "--tile", "3/8", "--samples", "9", "--resolution", "64",
+             "48", "--preview", "--exr", "all.exr", "--checkpoint", "2.5", "--threads", "3", "--log", "r.log",
+             "--resume", "stopped", "scene"});
   ASSERT_EQ(line.error, "");
   EXPECT_EQ(line.kind, CommandLine::render);
   const RenderOptions& o = line.render_options;
@@ -80,6 +82,11 @@ TEST(FarmOptions, ReadsEveryOptionAndRefusesBadValues) {
   EXPECT_EQ(o.width, 64);
   EXPECT_EQ(o.height, 48);
   EXPECT_TRUE(o.preview);
+  EXPECT_EQ(o.exr, "all.exr");
+  EXPECT_EQ(o.checkpoint_seconds, 2.5f);
+  EXPECT_EQ(o.threads, 3);
+  EXPECT_EQ(o.log, "r.log");
+  EXPECT_EQ(o.resume, "stopped");
   EXPECT_EQ(o.scene, "scene");
   EXPECT_EQ(parse({"--tile", "1/1"}).render_options.tile_count, 1);
   EXPECT_EQ(parse({"scene", "--help"}).kind, CommandLine::help);
@@ -109,6 +116,11 @@ TEST(FarmOptions, ReadsEveryOptionAndRefusesBadValues) {
       {{"--samples", "many"}, "'many' is not a whole number"},
       {{"--resolution", "0", "10"}, "at least 1"},
       {{"-o"}, "-o needs 1 value"},
+      {{"--exr"}, "--exr needs 1 value"},
+      {{"--threads", "0"}, "--threads must be 1 to 256"},
+      {{"--threads", "257"}, "--threads must be 1 to 256"},
+      {{"--checkpoint", "0"}, "--checkpoint: '0' is not a number of seconds above 0"},
+      {{"--checkpoint", "soon"}, "--checkpoint: 'soon' is not a number of seconds above 0"},
       {{"--fast"}, "unexpected argument '--fast'"},
       {{"a", "b"}, "unexpected argument 'b'"},
       {{"merge", "t1"}, "merge needs -o OUT_DIR"},

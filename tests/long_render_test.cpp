@@ -13,10 +13,12 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
+#include <tuple>
 
 #include "app/display_png.h"
 #include "app/merge_exr.h"
 #include "app/options.h"
+#include "app/resume.h"
 #include "output/aov.h"
 #include "output/exr_file.h"
 #include "output/progress.h"
@@ -272,22 +274,27 @@ TEST(DisplayPng, UsesTheSrgbCurve) {
   EXPECT_EQ(srgbByte(0.18f), 118);
 }
 
-TEST(LongRenderOptions, ReadsTheNewOptionsAndRefusesBadValues) {
-  const CommandLine line = parseCommandLine(
-      {"--exr", "all.exr", "--checkpoint", "2.5", "--threads", "3", "--log", "r.log", "--resume", "out", "s"});
-  ASSERT_EQ(line.error, "");
-  const RenderOptions& o = line.render_options;
-  EXPECT_EQ(o.exr, "all.exr");
-  EXPECT_EQ(o.checkpoint_seconds, 2.5f);
-  EXPECT_EQ(o.threads, 3);
-  EXPECT_EQ(o.log, "r.log");
-  EXPECT_EQ(o.resume, "out");
-  EXPECT_EQ(parseCommandLine({"--threads", "0"}).error, "--threads must be 1 to 256");
-  EXPECT_EQ(parseCommandLine({"--threads", "257"}).error, "--threads must be 1 to 256");
-  EXPECT_EQ(parseCommandLine({"--checkpoint", "0"}).error, "--checkpoint: '0' is not a number of seconds above 0");
-  EXPECT_EQ(parseCommandLine({"--checkpoint", "soon"}).error,
-            "--checkpoint: 'soon' is not a number of seconds above 0");
-  EXPECT_EQ(parseCommandLine({"--exr"}).error, "--exr needs 1 value");
+TEST(LongRenderOptions, AStoppedRenderIsResumedWithEveryOptionThatDecidesWhatItMakes) {
+  // Numbers exactly, paths made absolute.
+  const CommandLine given = parseCommandLine({"--region", "1", "2", "30", "20", "--tile", "2/3", "--samples", "9",
+                                              "--resolution", "40", "30", "--exr", "all.exr", "--checkpoint", "0.1",
+                                              "--camera", "Cam", "--sky", "sky.hdr", "--sampler", "sobol", "--seed",
+                                              "4294967295", "--noise-threshold", "1e-7", "--time-limit", "0.3",
+                                              "--threads", "2", "--log", "l.txt", "scene"});
+  ASSERT_EQ(given.error, "");
+  const CommandLine back = parseCommandLine(settingArguments(given.render_options));
+  ASSERT_EQ(back.error, "");
+  const RenderOptions &a = given.render_options, &b = back.render_options;
+  EXPECT_EQ(b.region, a.region);
+  EXPECT_EQ(std::tie(b.tile_index, b.tile_count, b.samples, b.width, b.height),
+            std::tie(a.tile_index, a.tile_count, a.samples, a.width, a.height));
+  EXPECT_EQ(std::tie(b.exr, b.camera, b.sampler, b.has_seed, b.seed), std::tie(a.exr, a.camera, a.sampler, a.has_seed, a.seed));
+  EXPECT_EQ(std::tie(b.checkpoint_seconds, b.noise_threshold, b.time_limit),
+            std::tie(a.checkpoint_seconds, a.noise_threshold, a.time_limit));
+  EXPECT_EQ(b.sky, fs::absolute("sky.hdr").string());
+  EXPECT_EQ(b.scene, fs::absolute("scene").string());
+  EXPECT_EQ(b.threads, 0);  // how it runs is the resumed run's own choice
+  EXPECT_EQ(b.log, "");
 }
 
 TEST(QuazelStartup, AMissingInstructionIsNamedBeforeAnythingRuns) {
@@ -315,65 +322,73 @@ TEST(QuazelSaving, AnImageThatCannotBeWrittenIsNamedAndTheStatusSaysSo) {
   EXPECT_TRUE(fs::exists(work + "/depth.exr"));  // the others are still written
 }
 
-TEST(QuazelCheckpoint, AStoppedRenderResumesToThePlannedPassesAndLeavesNoTileRecordMeanwhile) {
-  const std::string work = scratchFolder("stop-resume");
-  writeScene(work + "/scene", 12);
-  const std::string out = work + "/out";
-  fs::create_directories(out);
-  const int status =
-      quazelStoppedAfter(work, {"--exr", "all.exr", "--tile", "1/1", "--threads", "2", "-o", out, "scene"}, 3);
-  ASSERT_EQ(status, 3);
-  EXPECT_TRUE(fs::exists(out + "/quazel.checkpoint"));
-  EXPECT_TRUE(fs::exists(out + "/quazel-resume.txt"));
-  EXPECT_FALSE(fs::exists(out + "/quazel-tile.txt"));  // not a finished tile
-  // The images as far as they got: the pass count is in the EXR's header.
-  const ExrImage partial = readWhole(out + "/all.exr");
-  EXPECT_GE(partial.info.passes, 3);
-  EXPECT_LT(partial.info.passes, 12);
+// Against a render never stopped: with a seeded sampler (chosen on the command
+// line, which the resumed run must keep) bit for bit, otherwise within noise.
+TEST(QuazelCheckpoint, AStoppedRenderResumesToThePlannedPassesAndEqualsOneNeverStopped) {
+  for (const bool seeded : {false, true}) {
+    const std::string work = scratchFolder(seeded ? "stop-resume-seeded" : "stop-resume");
+    writeScene(work + "/scene", 12);
+    const std::string out = work + "/out";
+    fs::create_directories(out);
+    std::vector<std::string> options{"--exr", "all.exr"};
+    if (seeded) options.insert(options.end(), {"--sampler", "sobol", "--seed", "7"});
+    std::vector<std::string> stopped = options;
+    stopped.insert(stopped.end(), {"--tile", "1/1", "--threads", "2", "-o", out, "scene"});
+    ASSERT_EQ(quazelStoppedAfter(work, stopped, 3), 3) << seeded;
+    EXPECT_TRUE(fs::exists(out + "/quazel.checkpoint"));
+    EXPECT_TRUE(fs::exists(out + "/quazel-resume.txt"));
+    EXPECT_FALSE(fs::exists(out + "/quazel-tile.txt"));  // not a finished tile
+    // The images as far as they got: the pass count is in the EXR's header.
+    const ExrImage partial = readWhole(out + "/all.exr");
+    EXPECT_GE(partial.info.passes, 3);
+    EXPECT_LT(partial.info.passes, 12);
 
-  const Outcome resumed = quazel(work, "--resume out --log resumed.log");
-  ASSERT_EQ(resumed.status, 0) << resumed.err;
-  EXPECT_EQ(resumed.out, "");  // the report went to the log
-  const std::string log = readFile(work + "/resumed.log");
-  EXPECT_NE(log.find("100[%]"), std::string::npos) << log;
-  // The resumed run renders only the passes that were left.
-  EXPECT_EQ(log.find(" 8[%]"), std::string::npos) << log;
-  EXPECT_NE(resumed.err.find("quazel-progress pass=12 passes=12 "), std::string::npos) << resumed.err;
-  EXPECT_EQ(resumed.err.find("quazel-progress pass=" + std::to_string(partial.info.passes) + " "), std::string::npos);
-  EXPECT_FALSE(fs::exists(out + "/quazel.checkpoint"));
-  EXPECT_TRUE(fs::exists(out + "/quazel-tile.txt"));
+    const Outcome resumed = quazel(work, "--resume out --log resumed.log");
+    ASSERT_EQ(resumed.status, 0) << resumed.err;
+    EXPECT_EQ(resumed.out, "");  // the report went to the log
+    const std::string log = readFile(work + "/resumed.log");
+    EXPECT_NE(log.find("100[%]"), std::string::npos) << log;
+    // The resumed run renders only the passes that were left.
+    EXPECT_EQ(log.find(" 8[%]"), std::string::npos) << log;
+    EXPECT_NE(resumed.err.find("quazel-progress pass=12 passes=12 "), std::string::npos) << resumed.err;
+    EXPECT_EQ(resumed.err.find("quazel-progress pass=" + std::to_string(partial.info.passes) + " "), std::string::npos);
+    EXPECT_FALSE(fs::exists(out + "/quazel.checkpoint"));
+    EXPECT_TRUE(fs::exists(out + "/quazel-tile.txt"));
 
-  // Against a render never stopped: the same passes, and the same image within noise.
-  const Outcome straight = quazel(work, "--exr all.exr -o straight scene");
-  ASSERT_EQ(straight.status, 0) << straight.err;
-  const ExrImage a = readWhole(out + "/all.exr"), b = readWhole(work + "/straight/all.exr");
-  EXPECT_EQ(a.info.passes, 12);
-  ASSERT_EQ(a.layers.size(), b.layers.size());
-  for (size_t l = 0; l < a.layers.size(); ++l) {
-    double sumA = 0, sumB = 0;
-    for (size_t i = 0; i < a.layers[l].rgb.size(); ++i) sumA += a.layers[l].rgb[i], sumB += b.layers[l].rgb[i];
-    EXPECT_NEAR(sumA, sumB, 0.02 * std::abs(sumB) + 1e-6) << a.layers[l].name;
+    std::string straight;
+    for (const std::string& option : options) straight += option + " ";
+    ASSERT_EQ(quazel(work, straight + "-o straight scene").status, 0);
+    const ExrImage a = readWhole(out + "/all.exr"), b = readWhole(work + "/straight/all.exr");
+    EXPECT_EQ(a.info.passes, 12);
+    EXPECT_EQ(a.info.sampler, seeded ? "sobol" : b.info.sampler);
+    ASSERT_EQ(a.layers.size(), b.layers.size());
+    for (size_t l = 0; l < a.layers.size(); ++l) {
+      if (seeded) {
+        EXPECT_TRUE(sameBits(a.layers[l].rgb, b.layers[l].rgb)) << a.layers[l].name;
+        continue;
+      }
+      double sumA = 0, sumB = 0;
+      for (size_t i = 0; i < a.layers[l].rgb.size(); ++i) sumA += a.layers[l].rgb[i], sumB += b.layers[l].rgb[i];
+      EXPECT_NEAR(sumA, sumB, 0.02 * std::abs(sumB) + 1e-6) << a.layers[l].name;
+    }
   }
 }
 
-TEST(QuazelCheckpoint, WithASeededSamplerAResumedRenderEqualsOneNeverStopped) {
-  const std::string work = scratchFolder("stop-resume-seeded");
-  writeScene(work + "/scene", 10);
-  writeSceneFile(work + "/scene/render", "render.qz", "render\n  sampler \"sobol\"\n  seed 7\nend\n");
-  ASSERT_EQ(quazel(work, "--exr all.exr -o first scene").status, 0);
-  ASSERT_EQ(quazel(work, "--exr all.exr -o second scene").status, 0);
-  const ExrImage first = readWhole(work + "/first/all.exr"), second = readWhole(work + "/second/all.exr");
-  ASSERT_TRUE(sameBits(first.layers[0].rgb, second.layers[0].rgb)) << "the seeded sampler does not repeat itself";
-  EXPECT_EQ(first.info.sampler, "sobol");
-  EXPECT_EQ(first.info.seed, 7);
-
-  fs::create_directories(work + "/stopped");
-  ASSERT_EQ(quazelStoppedAfter(work, {"--exr", "all.exr", "-o", work + "/stopped", "scene"}, 4), 3);
-  ASSERT_EQ(quazel(work, "--resume stopped").status, 0);
-  const ExrImage resumed = readWhole(work + "/stopped/all.exr");
-  ASSERT_EQ(resumed.layers.size(), first.layers.size());
-  for (size_t l = 0; l < first.layers.size(); ++l)
-    EXPECT_TRUE(sameBits(resumed.layers[l].rgb, first.layers[l].rgb)) << first.layers[l].name;
+TEST(QuazelCheckpoint, AStoppedRenderOfAModelFileImportsItAgainAndGoesOn) {
+  const char* source = std::getenv("QZ_SOURCE_DIR");
+  if (!source) GTEST_SKIP() << "QZ_SOURCE_DIR names no checkout";
+  const std::string work = scratchFolder("stop-resume-model");
+  fs::create_directories(work + "/out");
+  ASSERT_EQ(quazelStoppedAfter(work,
+                               {"--resolution", "32", "24", "--samples", "8", "-o", work + "/out",
+                                std::string(source) + "/scenes/gltf/still-life.gltf"},
+                               2),
+            3);
+  const Outcome resumed = quazel(work, "--resume out");
+  ASSERT_EQ(resumed.status, 0) << resumed.err;
+  EXPECT_EQ(resumed.err.find("quazel-progress pass=1 "), std::string::npos) << resumed.err;
+  EXPECT_NE(resumed.err.find("quazel-progress pass=8 passes=8 "), std::string::npos) << resumed.err;
+  EXPECT_FALSE(fs::exists(work + "/out/quazel.checkpoint"));
 }
 
 TEST(QuazelExr, MergedSeededTilesEqualTheWholeFrameBitForBit) {

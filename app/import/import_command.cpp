@@ -76,7 +76,7 @@ int runImport(const RenderOptions& options) {
   return status;
 }
 
-int renderModel(RenderOptions options) {
+int renderModel(RenderOptions options, const std::vector<std::string>& settings) {
   char pattern[] = "/tmp/quazel-import-XXXXXX";
   const std::string model = options.scene;
   if (!mkdtemp(pattern)) return failWith("import - cannot make a temporary folder");
@@ -84,7 +84,7 @@ int renderModel(RenderOptions options) {
   int status = importContained(model, options.scene, choicesOf(options));
   // The camera written holds the resolution and the sample count already.
   options.width = options.height = options.samples = 0;
-  if (status == 0) status = runRender(options);
+  if (status == 0) status = runRender(options, settings);
   std::error_code error;
   fs::remove_all(pattern, error);
   return status;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "app/import/write_scene.h"
 #include "app/options.h"
@@ -23,4 +24,6 @@ int importContained(const std::string& model, const std::string& directory, cons
                     int seconds = importSeconds);
 
 int runImport(const RenderOptions& options);
-int renderModel(RenderOptions options);
+// Imports the model into a temporary scene and renders that; `settings` name
+// the model itself, so that --resume imports it again.
+int renderModel(RenderOptions options, const std::vector<std::string>& settings);

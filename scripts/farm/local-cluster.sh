@@ -12,7 +12,10 @@
 # the folder (keys, sockets, state, logs) and the ports are picked free, so the
 # cluster touches nothing of the machine's own and several may run at once.
 # With --owner, a watchdog stops the cluster when process PID ends, so that a
-# killed caller leaves nothing running.
+# killed caller leaves nothing running. Its delays are cut for trials: a requeued
+# job may start again 5 s after it stopped (cred_expire; 120 s by default), the
+# scheduler looks at waiting jobs every second, and a job past its time limit is
+# killed 5 s after it is told to end.
 set -euo pipefail
 
 say() { echo "local-cluster: $*" >&2; }
@@ -80,7 +83,7 @@ SlurmdPort=$slurmd_port
 SlurmUser=root
 SlurmdUser=root
 AuthType=auth/munge
-AuthInfo=socket=$dir/munge/munge.socket
+AuthInfo=socket=$dir/munge/munge.socket,cred_expire=5
 CredType=cred/munge
 StateSaveLocation=$dir/state
 SlurmdSpoolDir=$dir/spool
@@ -96,10 +99,12 @@ AccountingStorageType=accounting_storage/none
 JobCompType=jobcomp/none
 MpiDefault=none
 SchedulerType=sched/backfill
+SchedulerParameters=bf_interval=1,sched_interval=2
 SelectType=select/cons_tres
 SelectTypeParameters=CR_CPU
 ReturnToService=2
 MinJobAge=600
+KillWait=5
 SlurmctldTimeout=30
 SlurmdTimeout=30
 NodeName=$node NodeHostname=$(hostname) NodeAddr=127.0.0.1 CPUs=$cpus State=UNKNOWN
