@@ -52,10 +52,8 @@ TEST(AOVBlock, TypeWordsAddTheirBitsAndAnyOtherWordNamesUserData) {
   EXPECT_EQ(readAOV("type \"emission\"\ntype \"light_path\"\ntype \"tangent\"\ntype \"position\"\nend\n").channel,
             0x68002u);
   const CameraAOV aov = readAOV("image \"out/my depth.pfm\" trailing words\nshader \"skin\"\nend\n");
-  EXPECT_EQ(aov.image.name, "out/my depth.pfm");
-  EXPECT_EQ(aov.shader_name, "skin");
-  EXPECT_EQ(aov.channel, 0u);
-  EXPECT_EQ(aov.user_data_name, "undefined");
+  EXPECT_EQ(std::tuple(aov.image.name, aov.shader_name, aov.channel, aov.user_data_name),
+            std::tuple("out/my depth.pfm", "skin", 0u, "undefined"));
   // Any other word names user data.
   const CameraAOV user = readAOV("type \"normal\"\ntype \"weight map\"\nend\n");
   EXPECT_EQ(user.channel, userDataChannel);

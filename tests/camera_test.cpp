@@ -43,10 +43,7 @@ void imagePoint(const Camera& camera, const Ray& ray, float& a, float& b) {
 }
 
 void expectRegion(const Region& r, int minX, int minY, int maxX, int maxY) {
-  EXPECT_EQ(r.min_x, minX);
-  EXPECT_EQ(r.min_y, minY);
-  EXPECT_EQ(r.max_x, maxX);
-  EXPECT_EQ(r.max_y, maxY);
+  EXPECT_EQ(std::tuple(r.min_x, r.min_y, r.max_x, r.max_y), std::tuple(minX, minY, maxX, maxY));
 }
 
 class CameraTest : public testing::Test {
@@ -61,8 +58,7 @@ TEST_F(CameraTest, NewCameraHasItsDefaultsAndTheTimeSelectsThePoseSettersWrite) 
   EXPECT_EQ(qzAddCamera(), 0);
   EXPECT_EQ(qzAddCamera(), 1);
   const Camera& c = cameras[1];
-  EXPECT_EQ(c.width, 960);
-  EXPECT_EQ(c.sample, 17);
+  EXPECT_EQ(std::tuple(c.width, c.sample), std::tuple(960, 17));
   expectRegion(c.region, 0, 0, 1048576, 1048576);
   ASSERT_EQ(c.aovs.size(), 1u);
   EXPECT_EQ(c.aovs[0].channel, 1u);
@@ -77,11 +73,9 @@ TEST_F(CameraTest, NewCameraHasItsDefaultsAndTheTimeSelectsThePoseSettersWrite) 
   qzSetCameraTime(id, 0.5f);
   qzSetCameraFOV(id, 60);
   qzSetCameraBokeh(id, 2);
-  EXPECT_EQ(c.poses[0].field_of_view, 30);
-  EXPECT_EQ(c.poses[0].position, Vec3f(1, 2, 3));
-  EXPECT_EQ(c.poses[0].bokeh, 0);
-  EXPECT_EQ(c.poses[1].field_of_view, 60);
-  EXPECT_EQ(c.poses[1].bokeh, 2);
+  EXPECT_EQ(std::tuple(c.poses[0].field_of_view, c.poses[0].position, c.poses[0].bokeh),
+            std::tuple(30, Vec3f(1, 2, 3), 0));
+  EXPECT_EQ(std::tuple(c.poses[1].field_of_view, c.poses[1].bokeh), std::tuple(60, 2));
   // Indices outside the array are dropped rather than written.
   qzSetCameraFOV(7, 10);
   qzSetCameraSample(-1, 10);
@@ -103,24 +97,18 @@ TEST_F(CameraTest, PreparationClampsSampleAndRegionReportsFramebuffersAndRefuses
   int v[4];
   ASSERT_TRUE(qzGetCameraRegion(b, &v[0], &v[1], &v[2], &v[3]));
   EXPECT_EQ(std::vector<int>(v, v + 4), (std::vector<int>{-5, -5, 100, 100}));
-  ASSERT_TRUE(qzGetCameraResolution(b, &v[0], &v[1]));
-  EXPECT_EQ(std::vector<int>(v, v + 2), (std::vector<int>{16, 8}));
-  EXPECT_FALSE(qzGetCameraResolution(b + 1, &v[0], &v[1]));
-  EXPECT_FALSE(qzGetCameraRegion(-1, &v[0], &v[1], &v[2], &v[3]));
+  EXPECT_FALSE(qzGetCameraResolution(b + 1, &v[0], &v[1]) || qzGetCameraRegion(-1, &v[0], &v[1], &v[2], &v[3]));
   const std::string text = captureOutput([] { qzInitializeCameras(); });
   // Both cameras report, each its own AOVs at 12 bytes a pixel.
   const std::string rule = std::string(80, '_') + "\n\n";
   EXPECT_EQ(text, "framebuffers      0.094 [M bytes]\n" + rule + "framebuffers      0.001 [M bytes]\n" + rule);
   const Camera& ca = cameras[a];
-  EXPECT_EQ(ca.sample, 1);
-  EXPECT_EQ(ca.inverse_sample, 1.0f);
+  EXPECT_EQ(std::tuple(ca.sample, ca.inverse_sample), std::tuple(1, 1.0f));
   expectRegion(ca.region, 10, 20, 30, 40);
   // The framebuffers keep the full resolution.
-  EXPECT_EQ(ca.aovs[1].image.floats.size(), 64u * 64 * 3);
-  EXPECT_EQ(ca.aovs[1].width, 64);
-  const Camera& cb = cameras[b];
-  EXPECT_EQ(cb.sample, 65535);
-  expectRegion(cb.region, 0, 0, 16, 8);
+  EXPECT_EQ(std::tuple(ca.aovs[1].image.floats.size(), ca.aovs[1].width), std::tuple(64u * 64 * 3, 64));
+  EXPECT_EQ(cameras[b].sample, 65535);
+  expectRegion(cameras[b].region, 0, 0, 16, 8);
   for (auto& c : cameras)
     for (auto& aov : c.aovs) aov.image.name.clear();
 
@@ -139,7 +127,7 @@ TEST_F(CameraTest, PreparationClampsSampleAndRegionReportsFramebuffersAndRefuses
   EXPECT_EQ(cameras[c].region.min_x, cameras[c].region.max_x);
 }
 
-TEST_F(CameraTest, DerivedPoseIsARightHandedBasisWithImageDistance) {
+TEST_F(CameraTest, DerivedPoseIsARightHandedBasisWithImageDistanceAndPosesInterpolate) {
   CameraPose pose;
   pose.position = {1, 2, 3};
   pose.target = {4, 2, -1};
@@ -154,12 +142,9 @@ TEST_F(CameraTest, DerivedPoseIsARightHandedBasisWithImageDistance) {
   // A target on the eye gives a zero basis and no focus, without a NaN.
   pose.target = pose.position;
   derivePose(pose, 200);
-  EXPECT_EQ(pose.forward, zeroVector);
-  EXPECT_EQ(pose.right, zeroVector);
-  EXPECT_EQ(pose.focus_distance, 0);
-}
+  EXPECT_EQ(std::tuple(pose.forward, pose.right, pose.focus_distance), std::tuple(zeroVector, zeroVector, 0));
 
-TEST_F(CameraTest, PoseInterpolatesLinearlyAndTheUpVectorSpherically) {
+  // Between two poses the position and angle move linearly, the up vector spherically.
   Camera camera;
   camera.width = 100;
   camera.poses[0].position = {0, 0, 0};
@@ -192,40 +177,13 @@ TEST_F(CameraTest, CameraRayIsResetForAPathAndItsPixel) {
   ray.hit.kind = 2;
   ray.throughput = black;
   generatePixelSample(camera, 7, 13, 2, ray);
-  EXPECT_EQ(ray.pixel, 13u * 40 + 7);
-  EXPECT_EQ(ray.sample_count, 5u);
-  EXPECT_EQ(ray.ior, 1.33f);
-  EXPECT_EQ(ray.bounces, 0);
-  EXPECT_EQ(ray.hit.kind, 0);
-  EXPECT_EQ(ray.hit.primitive, uint32_t(-1));
-  EXPECT_EQ(ray.prev_primitive, uint32_t(-1));
-  EXPECT_EQ(ray.hit.event, 1);
-  EXPECT_EQ(ray.throughput, white);
-  EXPECT_EQ(ray.cursor.index, 0u);
-  EXPECT_EQ(ray.cursor.dimension, 0u);
-  EXPECT_EQ(ray.cursor.scramble, ScrambleTable[13][7]);
-  EXPECT_EQ(ray.origin, Vec3f(0, 0, 5));
+  EXPECT_EQ(std::tuple(ray.pixel, ray.sample_count, ray.ior, ray.bounces, ray.origin, ray.throughput),
+            std::tuple(13u * 40 + 7, 5u, 1.33f, 0, Vec3f(0, 0, 5), white));
+  EXPECT_EQ(std::tuple(ray.hit.kind, ray.hit.primitive, ray.prev_primitive, ray.hit.event),
+            std::tuple(0, uint32_t(-1), uint32_t(-1), 1));
+  EXPECT_EQ(std::tuple(ray.cursor.index, ray.cursor.dimension, ray.cursor.scramble),
+            std::tuple(0u, 0u, ScrambleTable[13][7]));
   EXPECT_NEAR(length(ray.direction), 1, 1e-6);
-}
-
-TEST_F(CameraTest, TimeIsStratifiedByPassAndCheckerboard) {
-  Camera& camera = stillCamera(8, 8);
-  camera.sample = 4;
-  for (int pass = 0; pass < 4; ++pass)
-    for (int y = 0; y < 2; ++y)
-      for (int x = 0; x < 2; ++x)
-        for (int i = 0; i < 50; ++i) {
-          Ray ray;
-          generatePixelSample(camera, x, y, pass, ray);
-          const float half = float((x & 1) ^ (y & 1));
-          // Undo the pixel's rotation, then the time lies in its half stratum of the pass.
-          float t = ray.time - float(ray.cursor.scramble) * 0x1p-32f;
-          if (t < 0) t += 1;
-          EXPECT_GE(t, (half * 0.5f + pass) / 4 - 1e-6f);
-          EXPECT_LE(t, ((half + 1) * 0.5f + pass) / 4 + 1e-6f);
-          EXPECT_GE(ray.time, 0);
-          EXPECT_LE(ray.time, 1);
-        }
 }
 
 TEST_F(CameraTest, CentrePixelLooksAtTheTargetAndEdgesSpanTheFieldOfView) {
@@ -249,7 +207,7 @@ TEST_F(CameraTest, CentrePixelLooksAtTheTargetAndEdgesSpanTheFieldOfView) {
   EXPECT_GT(widest, 50 * testPi / 180 - 2 * pixelAngle);
 }
 
-TEST_F(CameraTest, SamplesSpreadUniformlyOverThePixel) {
+TEST_F(CameraTest, SamplesSpreadUniformlyOverThePixelAndTimeIsStratifiedByPass) {
   Camera& camera = stillCamera(20, 10);
   const int n = 20000, bins = 10;
   int histogramA[bins] = {}, histogramB[bins] = {};
@@ -276,6 +234,25 @@ TEST_F(CameraTest, SamplesSpreadUniformlyOverThePixel) {
     EXPECT_NEAR(histogramA[k], n / bins, 6 * std::sqrt(n * 0.09));
     EXPECT_NEAR(histogramB[k], n / bins, 6 * std::sqrt(n * 0.09));
   }
+
+  // Time is stratified by pass and checkerboard.
+  Camera& timed = stillCamera(8, 8);
+  timed.sample = 4;
+  for (int pass = 0; pass < 4; ++pass)
+    for (int y = 0; y < 2; ++y)
+      for (int x = 0; x < 2; ++x)
+        for (int i = 0; i < 50; ++i) {
+          Ray ray;
+          generatePixelSample(timed, x, y, pass, ray);
+          const float half = float((x & 1) ^ (y & 1));
+          // Undo the pixel's rotation, then the time lies in its half stratum of the pass.
+          float t = ray.time - float(ray.cursor.scramble) * 0x1p-32f;
+          if (t < 0) t += 1;
+          EXPECT_GE(t, (half * 0.5f + pass) / 4 - 1e-6f);
+          EXPECT_LE(t, ((half + 1) * 0.5f + pass) / 4 + 1e-6f);
+          EXPECT_GE(ray.time, 0);
+          EXPECT_LE(ray.time, 1);
+        }
 }
 
 TEST_F(CameraTest, BokehRaysPassThroughTheFocusPoint) {
@@ -359,26 +336,19 @@ TEST_F(CameraTest, CameraBlockReadsEveryKeyAndAtMostTwoPoses) {
   Camera camera;
   camera.poses[1].field_of_view = 10;
   readCameraBlock(file, camera);
-  EXPECT_EQ(camera.width, 32);
-  EXPECT_EQ(camera.height, 16);
+  EXPECT_EQ(std::tuple(camera.width, camera.height, camera.sample, camera.ior, camera.exposure),
+            std::tuple(32, 16, 9, 1.5f, Color3f(0.5f, 0.25f, 2)));
   expectRegion(camera.region, 1, 2, 30, 14);
-  EXPECT_EQ(camera.sample, 9);
-  EXPECT_EQ(camera.ior, 1.5f);
-  EXPECT_EQ(camera.exposure, Color3f(0.5f, 0.25f, 2));
   // An unknown projection word keeps the earlier one.
-  EXPECT_EQ(camera.projection, 1);
-  EXPECT_EQ(camera.pose_count, 2);
-  EXPECT_EQ(camera.poses[0].position, Vec3f(1, 2, 3));
-  EXPECT_EQ(camera.poses[0].target, Vec3f(0, 0, -1));
-  EXPECT_EQ(camera.poses[0].field_of_view, 30);
-  EXPECT_EQ(camera.poses[0].bokeh, 2);
+  EXPECT_EQ(std::tuple(camera.projection, camera.pose_count), std::tuple(1, 2));
+  const CameraPose &first = camera.poses[0], &second = camera.poses[1];
+  EXPECT_EQ(std::tuple(first.position, first.target, first.field_of_view, first.bokeh),
+            std::tuple(Vec3f(1, 2, 3), Vec3f(0, 0, -1), 30, 2));
   // A pose block starts from the pose defaults.
-  EXPECT_EQ(camera.poses[1].position, Vec3f(4, 5, 6));
-  EXPECT_EQ(camera.poses[1].field_of_view, 45);
-  EXPECT_EQ(camera.poses[1].up_vector, Vec3f(0, 0, 1));
+  EXPECT_EQ(std::tuple(second.position, second.field_of_view, second.up_vector),
+            std::tuple(Vec3f(4, 5, 6), 45, Vec3f(0, 0, 1)));
   ASSERT_EQ(camera.aovs.size(), 2u);
-  EXPECT_EQ(camera.aovs[1].image.name, "depth.pfm");
-  EXPECT_EQ(camera.aovs[1].channel, 0x80000u);
+  EXPECT_EQ(std::tuple(camera.aovs[1].image.name, camera.aovs[1].channel), std::tuple("depth.pfm", 0x80000u));
   // The third pose's end closed the camera block: the sample line after it is not the camera's.
   std::string rest;
   std::getline(file, rest);

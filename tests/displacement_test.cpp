@@ -57,10 +57,10 @@ float signedArea(const std::array<float, 3>& a, const std::array<float, 3>& b, c
 TEST(Tessellation, GridCoversTheTriangleOnce) {
   const TriangleGrid one = tessellateTriangle(1);
   ASSERT_EQ(one.weights.size(), 3u);
-  EXPECT_EQ(one.weights[0], (std::array<float, 3>{1, 0, 0}));
-  EXPECT_EQ(one.weights[1], (std::array<float, 3>{0, 1, 0}));
-  EXPECT_EQ(one.weights[2], (std::array<float, 3>{0, 0, 1}));
-  EXPECT_EQ(one.triangles, (std::vector<std::array<uint32_t, 3>>{{0, 1, 2}}));
+  EXPECT_EQ(std::tuple(one.weights[0], one.weights[1]),
+            std::tuple((std::array<float, 3>{1, 0, 0}), (std::array<float, 3>{0, 1, 0})));
+  EXPECT_EQ(std::tuple(one.weights[2], one.triangles),
+            std::tuple((std::array<float, 3>{0, 0, 1}), (std::vector<std::array<uint32_t, 3>>{{0, 1, 2}})));
   for (int level : {2, 3, 7}) {
     const TriangleGrid grid = tessellateTriangle(level);
     ASSERT_EQ(grid.weights.size(), size_t((level + 1) * (level + 2) / 2));

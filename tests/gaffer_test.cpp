@@ -3,6 +3,7 @@
 #include "frame/scene_directory.h"
 #include "shading/microfacet.h"
 #include "tests/light_fixture.h"
+#include "tests/regex.h"
 #include "tests/scene_writer.h"
 
 namespace {
@@ -41,36 +42,23 @@ TEST_F(LightTest, BlocksReadEveryKeyAndExportsStoreWhatTheyAreGiven) {
   ASSERT_EQ(pointLights.size(), 1u);
   ASSERT_EQ(parallelLights.size(), 1u);
   const PointLight& p = pointLights[0];
-  EXPECT_EQ(p.color, Color3f(2, 3, 4));
-  EXPECT_EQ(p.position, Vec3f(1, 2, 3));
-  EXPECT_EQ(p.direction, Vec3f(0, 0, -1));
-  EXPECT_EQ(p.blur, 0.5f);
-  EXPECT_EQ(p.sample, 9);
-  EXPECT_EQ(p.photon, 5000000000);
-  EXPECT_EQ(p.inner_angle, 10);
-  EXPECT_EQ(p.outer_angle, 30);
-  EXPECT_EQ(p.offset, 0.2f);
-  EXPECT_EQ(p.ior, 1.5f);
+  EXPECT_EQ(std::tuple(p.color, p.position, p.direction),
+            std::tuple(Color3f(2, 3, 4), Vec3f(1, 2, 3), Vec3f(0, 0, -1)));
+  EXPECT_EQ(std::tuple(p.blur, p.sample, p.photon, p.offset, p.ior), std::tuple(0.5f, 9, 5000000000, 0.2f, 1.5f));
+  EXPECT_EQ(std::tuple(p.inner_angle, p.outer_angle), std::tuple(10, 30));
   ASSERT_EQ(p.aovs.size(), 1u);
-  EXPECT_EQ(p.aovs[0].image.name, "p.hdr");
-  EXPECT_EQ(p.aovs[0].channel, 0x2A8u);
+  EXPECT_EQ(std::tuple(p.aovs[0].image.name, p.aovs[0].channel), std::tuple("p.hdr", 0x2A8u));
   EXPECT_EQ(p.link.names, (std::vector<std::string>{"a", "b"}));
   EXPECT_TRUE(p.link.shaders.empty());
   // The parallel light has no position or cone: those keys pass unread.
   const ParallelLight& q = parallelLights[0];
-  EXPECT_EQ(q.frame.normal, Vec3f(0, -1, 0));
-  EXPECT_EQ(q.color, Color3f(5, 5, 5));
-  EXPECT_EQ(q.blur, 2.0f);
+  EXPECT_EQ(std::tuple(q.frame.normal, q.color, q.blur), std::tuple(Vec3f(0, -1, 0), Color3f(5, 5, 5), 2.0f));
 
   const int id = qzAddPointLight();
   EXPECT_EQ(id, 1);
   const PointLight& fresh = pointLights[1];
-  EXPECT_EQ(fresh.color, white);
-  EXPECT_EQ(fresh.sample, 1);
-  EXPECT_EQ(fresh.offset, 0.1f);
-  EXPECT_EQ(fresh.direction, Vec3f(0, 1, 0));
-  EXPECT_EQ(fresh.outer_angle, 180);
-  EXPECT_EQ(fresh.photon, 0);
+  EXPECT_EQ(std::tuple(fresh.color, fresh.sample, fresh.offset, fresh.direction, fresh.outer_angle, fresh.photon),
+            std::tuple(white, 1, 0.1f, Vec3f(0, 1, 0), 180, 0));
   EXPECT_EQ(qzAddPointLightAOV(id), 0);
   EXPECT_EQ(pointLights[1].aovs[0].image.name, "undefined");
   qzSetPointLightAOVChannel(id, 0, 0x8);
@@ -110,16 +98,12 @@ TEST_F(LightTest, PreparationResolvesLinksDerivesConesAndPowerAndReportsBothArra
 
   const std::string out = captureOutput([] { qzInitializeGaffer(); });
   // Record size, count and mebibytes, parallel lights first.
-  const size_t split = out.find('\n') + 1;
-  const std::string parallelRow = out.substr(0, split), pointRow = out.substr(split);
-  EXPECT_TRUE(parallelRow.starts_with("parallel lights ")) << out;
-  EXPECT_NE(parallelRow.find(" [bytes]         1 "), std::string::npos) << out;
-  EXPECT_TRUE(pointRow.starts_with("point    lights ")) << out;
-  EXPECT_NE(pointRow.find(" [bytes]         2 "), std::string::npos) << out;
-  EXPECT_TRUE(parallelRow.ends_with(" [M bytes]\n") && pointRow.ends_with(" [M bytes]\n")) << out;
-  EXPECT_EQ(far.link.shaders, (std::vector<int>{1, 0}));
-  EXPECT_EQ(far.direction, Vec3f(0, -1, 0));
-  EXPECT_EQ(far.all_directions, 0);
+  auto row = [](const char* count) {
+    return std::string(" +[0-9]+ \\[bytes\\]         ") + count + " +[0-9.]+ \\[M bytes\\]\n";
+  };
+  EXPECT_TRUE(std::regex_match(out, std::regex("parallel lights" + row("1") + "point    lights" + row("2")))) << out;
+  EXPECT_EQ(std::tuple(far.link.shaders, far.direction, far.all_directions),
+            std::tuple(std::vector<int>{1, 0}, Vec3f(0, -1, 0), 0));
   // The cone towards the scene's sphere: tan = R / d.
   EXPECT_NEAR(far.cos_max, 4 / std::sqrt(20.0f), 1e-6);
   EXPECT_NEAR(far.frame.normal.y, -1, 1e-6);
@@ -330,9 +314,7 @@ TEST_F(LightTest, PhotonsLeaveWithTheLightsPower) {
     Ray ray;
     point.emit(ray, i);
     EXPECT_NEAR(length(ray.direction), 1, 1e-5);
-    EXPECT_EQ(ray.origin, point.position);
-    EXPECT_EQ(ray.hit.event, lightEvent);
-    EXPECT_EQ(ray.cursor.dimension, 1u);
+    EXPECT_EQ(std::tuple(ray.origin, ray.hit.event, ray.cursor.dimension), std::tuple(point.position, lightEvent, 1u));
     total += ray.weight;
     mean += ray.direction / 4096;
   }

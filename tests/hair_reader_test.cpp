@@ -153,8 +153,8 @@ TEST_F(HairReaderTest, PointsOnlyUsesTheHeaderDefaults) {
   ASSERT_EQ(set.scalarChannels[0].values.size(), 8u);
   for (float r : set.scalarChannels[0].values) EXPECT_EQ(r, 1.0f);  // half the thickness 2
   ASSERT_EQ(set.pairChannels[0].values.size(), 8u);
-  EXPECT_EQ(set.pairChannels[0].values[3].u, 3.0f / 8);
-  EXPECT_EQ(set.pairChannels[0].values[3].v, 4.0f / 8);
+  EXPECT_EQ(std::tuple(set.pairChannels[0].values[3].u, set.pairChannels[0].values[3].v),
+            std::tuple(3.0f / 8, 4.0f / 8));
   EXPECT_EQ(set.vectorChannels[0].values[5], (Vec3f{5, 0, 0}));
 }
 

@@ -101,9 +101,7 @@ TEST_F(FibreRender, SkySampledAndBouncesWeighed) {
   // densities (the diffuse one draws by the cosine about the turned normal),
   // so the sum need not be the furnace's; measured, it stays within 0.5 % of
   // it over runs, diffuse and glossy, and 2 % is four times that.
-  Image image;
-  allocateImage(image, 4, 2, 3, 32, 0);
-  for (int p = 0; p < 8; ++p) writePixel(image, {0.5f, 0.75f, 1}, p);
+  Image image = colourImage(4, 2, [](float, float) { return Color3f{0.5f, 0.75f, 1}; });
   image.name = scratchFolder("fibre-sky") + "/sky.pfm";
   saveImage(image);
   const Color3f expected = 0.8f * Color3f{0.5f, 0.75f, 1};

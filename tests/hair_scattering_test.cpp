@@ -140,16 +140,13 @@ TEST(HairModel, RootAndTipColours) {
   surface.specular_on[0] = surface.diffuse_on[1] = 1;  // cleared by the evaluation
   surface.hair_t = 0;
   evaluateHairSurface(shader, surface);
-  EXPECT_EQ(surface.diffuse[0], (Color3f{0.1f, 0.2f, 0.3f}));
-  EXPECT_EQ(surface.glossy[0], black);
-  EXPECT_EQ(surface.diffuse_on[0], 1);
-  EXPECT_EQ(surface.glossy_on[0], 0);
+  EXPECT_EQ(std::tuple(surface.diffuse[0], surface.glossy[0], surface.diffuse_on[0], surface.glossy_on[0]),
+            std::tuple((Color3f{0.1f, 0.2f, 0.3f}), black, 1, 0));
   EXPECT_EQ(surface.specular_on[0] + surface.diffuse_on[1], 0);
   surface.hair_t = 1;
   evaluateHairSurface(shader, surface);
-  EXPECT_EQ(surface.diffuse[0], (Color3f{0.5f, 0.6f, 0.7f}));
-  EXPECT_EQ(surface.glossy[0], (Color3f{0.9f, 0.8f, 0.4f}));
-  EXPECT_EQ(surface.glossy_on[0], 1);
+  EXPECT_EQ(std::tuple(surface.diffuse[0], surface.glossy[0], surface.glossy_on[0]),
+            std::tuple((Color3f{0.5f, 0.6f, 0.7f}), (Color3f{0.9f, 0.8f, 0.4f}), 1));
   surface.hair_t = 0.25f;
   evaluateHairSurface(shader, surface);
   EXPECT_NEAR(surface.diffuse[0].g, 0.3f, 1e-6f);

@@ -12,8 +12,8 @@
 
 #include "output/camera.h"
 #include "qz.h"
+#include "tests/command_fixture.h"
 #include "tests/scene_writer.h"
-#include "tests/test_util.h"
 
 namespace {
 
@@ -33,10 +33,6 @@ class ImageDecode : public testing::Test {
     std::ofstream(path, std::ios::binary) << bytes;
     return path;
   }
-  std::string read(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
   // A small valid file of the given extension, as this library saves it.
   std::string saved(const std::string& name) {
     const int image = qzAddImage();
@@ -46,7 +42,7 @@ class ImageDecode : public testing::Test {
     for (int y = 0; y < 8; ++y)
       for (int x = 0; x < 8; ++x) qzSetImageColor(image, x, y, x / 8.0f, y / 8.0f, 0.5f);
     qzSaveImage(image);
-    return read(path);
+    return readFile(path);
   }
   // Loads the file and expects exactly the refusal.
   void expectRefused(const std::string& path) {
@@ -103,6 +99,15 @@ std::string tiffClaiming(uint32_t width, uint32_t height, uint32_t stripOffset) 
   return file + bytesOf(uint32_t(0)) + std::string(16, '\x7f');
 }
 
+// A 23-byte targa that claims 22560 x 19792 pixels.
+std::string hugeTarga() {
+  std::string tga(18, '\0');
+  tga[2] = 2;
+  std::memcpy(&tga[12], "\x20\x58\x50\x4d", 4);
+  tga[16] = 32;
+  return tga + "\x01\x02\x03\x04\x05";
+}
+
 const std::string radianceStart = "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n";
 
 }  // namespace
@@ -157,12 +162,7 @@ TEST_F(ImageDecode, CorruptFilesOfEveryKindAreRefused) {
   // PNG and TIFF headers that claim ten thousand megapixels.
   paths.push_back(write("huge.png", pngClaiming(100000, 100000)));
   paths.push_back(write("huge.tif", tiffClaiming(100000, 100000, 8)));
-  // A 23-byte targa that claims 22560 x 19792 pixels.
-  std::string tga(18, '\0');
-  tga[2] = 2;
-  std::memcpy(&tga[12], "\x20\x58\x50\x4d", 4);
-  tga[16] = 32;
-  paths.push_back(write("huge.tga", tga + "\x01\x02\x03\x04\x05"));
+  paths.push_back(write("huge.tga", hugeTarga()));
   for (const std::string& path : paths) expectRefused(path);
   // The library is whole: a good file still loads.
   const int good = qzAddImage();
@@ -242,12 +242,8 @@ TEST_F(ImageDecode, PixelsComeBackExactlyInEveryLayout) {
     makesPixels(expected, layout);
     image.name = "texture.png";
     ASSERT_TRUE(decodeContained(image, layout, makesPixels));
-    EXPECT_EQ(image.loaded, 1);
-    EXPECT_EQ(image.name, "texture.png");
-    EXPECT_EQ(image.width, 7);
-    EXPECT_EQ(image.height, 5);
-    EXPECT_EQ(image.channels, expected.channels);
-    EXPECT_EQ(image.depth, expected.depth);
+    EXPECT_EQ(std::tuple(image.loaded, image.name, image.width, image.height, image.channels, image.depth),
+              std::tuple(1, "texture.png", 7, 5, expected.channels, expected.depth));
     EXPECT_EQ(image.sharedExponent, expected.sharedExponent);
     size_t size = 0, expectedSize = 0;
     const uint8_t* pixels = pixelBytes(image, size);
@@ -274,11 +270,7 @@ TEST_F(ImageDecode, SizesNoMachineHoldsAreRefused) {
 
 TEST_F(ImageDecode, ARenderGoesOnWithoutItsBrokenTextures) {
   const std::string scene = folder + "/scene/";
-  std::string tga(18, '\0');
-  tga[2] = 2;
-  std::memcpy(&tga[12], "\x20\x58\x50\x4d", 4);
-  tga[16] = 32;
-  writeSceneFile(scene + "image", "broken.tga", tga + "\x01\x02\x03\x04\x05");
+  writeSceneFile(scene + "image", "broken.tga", hugeTarga());
   writeSceneFile(scene + "image", "broken.hdr", radianceStart + "-Y -3 +X 8\n" + std::string(96, '\x40'));
   writeSceneFile(scene + "shader", "shaders.qz",
                  "shader\nname \"undefined\"\ndiffuse\ncolor 0.5 0.5 "

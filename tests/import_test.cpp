@@ -145,12 +145,6 @@ ShellOutcome quazel(const std::string& folder, const std::string& arguments) {
   return shell("cd '" + folder + "' && '" + quazelBinary() + "' " + arguments + " 2>&1");
 }
 
-size_t count(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
-
 // The one beauty image that a render left in `folder`.
 Image beauty(const std::string& folder) {
   for (const auto& entry : fs::directory_iterator(folder))
@@ -285,7 +279,7 @@ TEST(Import, SceneDirectoryStoresAnInstancedMeshOnceAndPlacesItByInstances) {
   for (const auto& entry : fs::directory_iterator(work + "/scene/geometry")) objs += entry.path().extension() == ".obj";
   EXPECT_EQ(objs, 1);
   const std::string geometry = readFile(work + "/scene/geometry/scene.qz");
-  EXPECT_EQ(count(geometry, "\ninstance\n"), 3u) << geometry;
+  EXPECT_EQ(occurrences(geometry, "\ninstance\n"), 3u) << geometry;
   EXPECT_NE(geometry.find("matrix 1 0 0 4 0 1 0 0 0 0 1 0 0 0 0 1"), std::string::npos) << geometry;
   // No light in the file: a uniform sky of radiance 1.
   EXPECT_NE(readFile(work + "/scene/light/lights.qz").find("color 1 1 1"), std::string::npos);
@@ -345,7 +339,7 @@ TEST(Import, WhatCannotBeMappedIsWarnedOfAndWhatCannotBeReadEndsTheRun) {
     std::ofstream(work + "/broken.gltf") << "{\"asset\":{\"version\":\"2.0\"},\"meshes\":[{\"primitives\":[{";
     const ShellOutcome run = quazel(work, "broken.gltf -o broken");
     EXPECT_EQ(run.status, 2) << run.out;
-    EXPECT_EQ(count(run.out, "\n"), 1u) << run.out;
+    EXPECT_EQ(occurrences(run.out, "\n"), 1u) << run.out;
     EXPECT_EQ(run.out.rfind("error :( import - cannot read broken.gltf", 0), 0u) << run.out;
   }
 }
@@ -378,6 +372,6 @@ TEST(Import, ExampleGltfSceneImportsWithoutAWarning) {
   ASSERT_EQ(run.status, 0) << run.out;
   EXPECT_EQ(run.out.find("warning"), std::string::npos) << run.out;
   // Three marbles, one mesh.
-  EXPECT_EQ(count(readFile(work + "/scene/geometry/scene.qz"), "\nobject marble\n"), 3u);
+  EXPECT_EQ(occurrences(readFile(work + "/scene/geometry/scene.qz"), "\nobject marble\n"), 3u);
   EXPECT_TRUE(fs::exists(work + "/scene/image/checker.png"));
 }

@@ -35,12 +35,10 @@ TEST(Lifecycle, RendererPreparationClampsAndReportsAndStartupRestoresTheDefaults
   qzSetRendererPhotonDepth(-3);
   qzSetRendererSample(12);
   std::string text = captureOutput([] { qzInitializeRenderer(); });
-  EXPECT_EQ(renderer.clamp, (Color3f{0, 5, 0}));
-  EXPECT_EQ(renderer.ray_depth, 1);
-  EXPECT_EQ(renderer.photon_depth, 1);
-  EXPECT_EQ(renderer.sky_light_sample, 12);
-  EXPECT_EQ(renderer.geometry_light_sample, 12);
-  EXPECT_EQ(text, "renderer sample         12 [n/a]\n" + rule);
+  EXPECT_EQ(std::tuple(renderer.clamp, renderer.ray_depth, renderer.photon_depth, renderer.sky_light_sample),
+            std::tuple((Color3f{0, 5, 0}), 1, 1, 12));
+  EXPECT_EQ(std::tuple(renderer.geometry_light_sample, text),
+            std::tuple(12, "renderer sample         12 [n/a]\n" + rule));
   // A final gather switched on stays on until finalisation clears it.
   qzSetRendererResolution(0.5f);
   captureOutput([] { qzInitializeRenderer(); });
@@ -60,11 +58,8 @@ TEST(Lifecycle, RendererPreparationClampsAndReportsAndStartupRestoresTheDefaults
   qzSetRendererRadius(2);
   qzSetRendererRayDepth(30);
   quietStartup();
-  EXPECT_EQ(renderer.sample, 64);
-  EXPECT_EQ(renderer.bounce, 1);
-  EXPECT_EQ(renderer.radius, 0);
-  EXPECT_EQ(renderer.ray_depth, 8);
-  EXPECT_EQ(renderer.photon_depth, 16);
+  EXPECT_EQ(std::tuple(renderer.sample, renderer.bounce, renderer.radius, renderer.ray_depth, renderer.photon_depth),
+            std::tuple(64, 1, 0, 8, 16));
   EXPECT_TRUE(numberTablesBuilt());
 }
 

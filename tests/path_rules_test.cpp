@@ -55,29 +55,18 @@ TEST(ChildRay, EveryEventChangesItsOwnCountersDimensionTransmissionsAndIndex) {
   for (const ChildRule& rule : rules) {
     SCOPED_TRACE(int(rule.event));
     const Ray child = childRay(parent, surface, rule.event, 77, 4);
-    EXPECT_EQ(child.origin, surface.position);
-    EXPECT_EQ(child.parent, &surface);
-    EXPECT_EQ(child.hit.event, rule.event);
-    EXPECT_EQ(child.diffuse_bounces, 1 + rule.diffuse);
-    EXPECT_EQ(child.glossy_bounces, 2 + rule.glossy);
-    EXPECT_EQ(child.specular_bounces, 3 + rule.specular);
-    EXPECT_EQ(child.bounces, 7);
-    EXPECT_EQ(child.cursor.dimension, rule.dimension);
-    EXPECT_EQ(child.cursor.index, 77u);
-    EXPECT_EQ(child.cursor.scramble, parent.cursor.scramble);
-    EXPECT_EQ(child.hit.transmissions, rule.transmissions);
+    EXPECT_EQ(std::tuple(child.origin, child.parent, child.hit.event, child.diffuse_bounces, child.glossy_bounces),
+              std::tuple(surface.position, &surface, rule.event, 1 + rule.diffuse, 2 + rule.glossy));
+    EXPECT_EQ(std::tuple(child.specular_bounces, child.bounces, child.cursor.dimension, child.cursor.index),
+              std::tuple(3 + rule.specular, 7, rule.dimension, 77u));
+    EXPECT_EQ(std::tuple(child.cursor.scramble, child.hit.transmissions),
+              std::tuple(parent.cursor.scramble, rule.transmissions));
     EXPECT_FLOAT_EQ(child.ior, rule.timesEta ? 1.25f * 0.5f : 1.25f);
-    EXPECT_EQ(child.sample_count, 12u);
-    EXPECT_EQ(child.weight, parent.weight);
-    EXPECT_EQ(child.time, parent.time);
-    EXPECT_EQ(child.pixel, parent.pixel);
-    EXPECT_EQ(child.thread, parent.thread);
+    EXPECT_EQ(std::tuple(child.sample_count, child.weight, child.time, child.pixel, child.thread),
+              std::tuple(12u, parent.weight, parent.time, parent.pixel, parent.thread));
     // It leaves the parent's primitive and has found nothing yet.
-    EXPECT_EQ(child.prev_primitive, 9u);
-    EXPECT_EQ(child.prev_shader, 4u);
-    EXPECT_EQ(child.prev_kind, 3);
-    EXPECT_EQ(child.prev_depth, 2);
-    EXPECT_EQ(child.hit.kind, 0);
+    EXPECT_EQ(std::tuple(child.prev_primitive, child.prev_shader, child.prev_kind, child.prev_depth, child.hit.kind),
+              std::tuple(9u, 4u, 3, 2, 0));
     EXPECT_EQ(child.hit.primitive, uint32_t(-1));
   }
 }
@@ -122,9 +111,7 @@ TEST_F(FirstBounceBudget, ShrinksWithTheThroughputCoversEveryIndexOnceAndLaterBo
   // Later bounces take one sample with their own index.
   ray.cursor = {13, 2, 0};
   const LobeSamples later = lobeSamples(ray, white);
-  EXPECT_EQ(later.first, 13u);
-  EXPECT_EQ(later.end, 14u);
-  EXPECT_EQ(later.k, 1u);
+  EXPECT_EQ(std::tuple(later.first, later.end, later.k), std::tuple(13u, 14u, 1u));
 }
 
 TEST(PathDepth, WorkerThreadsHaveTheStackForTheDeepestPath) {

@@ -58,7 +58,7 @@ void markRenderedPixels() { qzSetRendererClamp(-1, -2, 0.5f); }
 const Color3f marked{-1, -2, 0};
 }  // namespace
 
-TEST(RenderSample, NaNAndInfinityBecomeTheErrorColourElseTheClampLimitsFromAbove) {
+TEST(RenderSample, NaNAndInfinityBecomeTheErrorColourTheClampLimitsFromAboveAndTheMeanRecovers) {
   renderer.error = {0.25f, 0.5f, 1};
   renderer.clamp = {1, 2, 3};
   EXPECT_EQ(acceptSample({notANumber, 0, 0}), renderer.error);
@@ -67,21 +67,18 @@ TEST(RenderSample, NaNAndInfinityBecomeTheErrorColourElseTheClampLimitsFromAbove
   EXPECT_EQ(acceptSample({5, 5, 5}), Color3f(1, 2, 3));
   // No lower limit: negative values pass.
   EXPECT_EQ(acceptSample({-4, 1.5f, 2.5f}), Color3f(-4, 1.5f, 2.5f));
-  renderer.error = black;
-  renderer.clamp = {infinity, infinity, infinity};
-}
 
-TEST(RenderSample, RunningMeanPullsABadPassBackOverLaterPasses) {
+  // In a running mean the error colour, black, pulls by 1/4 in pass 3; later passes pull the mean back.
+  renderer.error = black;
   Color3f pixel = black;
   for (int pass = 0; pass < 10; ++pass) {
-    const Color3f L = pass == 3 ? acceptSample({notANumber, notANumber, notANumber}) : white;
-    pixel = runningMean(pixel, L, pass);
-    // The error colour, black, pulls by 1/4 in pass 3; later passes pull the mean back.
+    pixel = runningMean(pixel, pass == 3 ? acceptSample({notANumber, notANumber, notANumber}) : white, pass);
     if (pass == 3) {
       EXPECT_FLOAT_EQ(pixel.r, 0.75f);
     }
   }
   EXPECT_NEAR(pixel.g, 0.9f, 1e-6);
+  renderer.clamp = {infinity, infinity, infinity};
 }
 
 TEST_F(RenderLoop, ProgressLinesThenTheClosingReportAndTheFiles) {
@@ -114,7 +111,13 @@ TEST_F(RenderLoop, ProgressLinesThenTheClosingReportAndTheFiles) {
   }
 }
 
-TEST_F(RenderLoop, EmptyRegionStillReportsEveryPassAndLeavesBlack) {
+TEST_F(RenderLoop, NoCameraOrAnEmptyRegionRendersNothing) {
+  EXPECT_EQ(captureOutput([] { qzRender(); }), "");
+  float pixel[3] = {5, 5, 5};
+  qzRenderPixels(1, pixel, 0);
+  EXPECT_EQ(pixel[0], 5);
+
+  // An empty region still reports every pass.
   const int c = addCamera(6, 6, 2);
   qzSetCameraRegion(c, 4, 4, 4, 6);
   prepare();
@@ -201,13 +204,6 @@ TEST_F(RenderLoop, TheLastPassWritesTheSkyOutputsAndEndsThePointAndParallelLight
   EXPECT_TRUE(sky.aovs.empty());
 }
 
-TEST_F(RenderLoop, NoCameraRendersNothing) {
-  EXPECT_EQ(captureOutput([] { qzRender(); }), "");
-  float pixel[3] = {5, 5, 5};
-  qzRenderPixels(1, pixel, 0);
-  EXPECT_EQ(pixel[0], 5);
-}
-
 TEST_F(RenderLoop, FinalizingCamerasWritesEveryCameraAgain) {
   const int a = addCamera(4, 4, 1);
   const int b = addCamera(2, 2, 1);
@@ -239,14 +235,9 @@ TEST(RenderBlock, RestoresDefaultsThenReadsItsKeysAndTheFinalGather) {
       "end\n"
       "end\n");
   readRenderBlock(file);
-  EXPECT_EQ(renderer.clamp, Color3f(4, 5, 6));
-  EXPECT_EQ(renderer.error, Color3f(1, 0, 1));
-  EXPECT_EQ(renderer.display_gamma, 1.8f);
-  EXPECT_EQ(renderer.exposure, 2);
-  EXPECT_EQ(renderer.ray_depth, 3);
-  EXPECT_EQ(renderer.photon_depth, 4);
-  EXPECT_EQ(renderer.bounce, 2);
-  EXPECT_EQ(renderer.resolution, 0.5f);
+  EXPECT_EQ(std::tuple(renderer.clamp, renderer.error, renderer.display_gamma, renderer.exposure, renderer.ray_depth),
+            std::tuple(Color3f(4, 5, 6), Color3f(1, 0, 1), 1.8f, 2, 3));
+  EXPECT_EQ(std::tuple(renderer.photon_depth, renderer.bounce, renderer.resolution), std::tuple(4, 2, 0.5f));
   // Restored, since no key set them again.
   EXPECT_EQ(renderer.sample, 64);
   EXPECT_EQ(renderer.radius, 0);

@@ -94,9 +94,8 @@ TEST_F(SceneTest, TwoIndependentObjectsEndUnderTheSecond) {
                            rule));
   EXPECT_EQ(rootObject, 1u);
   ASSERT_EQ(objects[1].instances.size(), 1u);
-  EXPECT_EQ(objects[1].instances[0].object, 0);
-  EXPECT_EQ(objects[1].instances[0].objectName, "object0000");
-  EXPECT_EQ(objects[0].level, 1);
+  EXPECT_EQ(std::tuple(objects[1].instances[0].object, objects[1].instances[0].objectName, objects[0].level),
+            std::tuple(0, "object0000", 1));
   EXPECT_EQ(objects[0].referenced, 0);
   // The child was built first, so the root's box holds it; boxes take every vertex, used or not.
   EXPECT_EQ(objects[1].emitters.count, 1);
@@ -144,23 +143,20 @@ TEST_F(SceneTest, CyclesAreCutInsteadOfRecursingForever) {
   EXPECT_EQ(objects[1].level, 1);
 }
 
-TEST_F(SceneTest, EmptyScenesPrintNothing) {
+TEST_F(SceneTest, EmptyScenesPrintNothingAndEmptyObjectsLeaveByExchangeWithTheBack) {
   EXPECT_EQ(assembleReport(), "");
   qzAddObject();
   qzAddObject();
   EXPECT_EQ(assembleReport(), "");
   EXPECT_TRUE(objects.empty());
-}
 
-TEST_F(SceneTest, EmptyObjectsLeaveByExchangeWithTheBack) {
   for (int i = 0; i < 5; ++i) qzAddObject();
   const unsigned zero = 0;
   for (int full : {0, 2, 3}) qzAddPrimitives(full, 1, 1, &zero);
   removeEmptyObjects();
   ASSERT_EQ(objects.size(), 3u);
-  EXPECT_EQ(objects[0].name, "object0000");
-  EXPECT_EQ(objects[1].name, "object0003");
-  EXPECT_EQ(objects[2].name, "object0002");
+  EXPECT_EQ(std::tuple(objects[0].name, objects[1].name, objects[2].name),
+            std::tuple("object0000", "object0003", "object0002"));
 }
 
 TEST_F(SceneTest, HairShadersArePreparedAfterAssembly) {

@@ -43,16 +43,13 @@ TEST_F(SceneDirectory, FoldersAreReadInOrderAndAnyBlockStandsInAnyFolder) {
   EXPECT_TRUE(text.starts_with("scene loading ")) << text;
   EXPECT_TRUE(text.ends_with(" [seconds]\n" + std::string(80, '_') + "\n\n")) << text;
   ASSERT_EQ(cameras.size(), 2u);
-  EXPECT_EQ(cameras[0].width, 8);
-  EXPECT_EQ(cameras[1].width, 32);
-  EXPECT_EQ(renderer.clamp, Color3f(2, 2, 2));
+  EXPECT_EQ(std::tuple(cameras[0].width, cameras[1].width, renderer.clamp), std::tuple(8, 32, Color3f(2, 2, 2)));
   // The later render block restored what the earlier one had set.
   EXPECT_EQ(renderer.sample, 64);
   EXPECT_EQ(sceneDirectory, scene);
   ASSERT_GE(imageSearchPaths.size(), 2u);
-  EXPECT_EQ(imageSearchPaths[0], scene + "image");
-  EXPECT_EQ(imageSearchPaths[1], scene);
-  EXPECT_EQ(geometrySearchPaths, (std::vector<std::string>{scene + "geometry", scene, ""}));
+  EXPECT_EQ(std::tuple(imageSearchPaths[0], imageSearchPaths[1], geometrySearchPaths),
+            std::tuple(scene + "image", scene, (std::vector<std::string>{scene + "geometry", scene, ""})));
   renderer.clamp = {infinity, infinity, infinity};
 }
 
@@ -85,11 +82,8 @@ TEST_F(SceneDirectory, TopLevelGrammar) {
                  "  resolution 3 4\n");  // the file ends inside the block
   load();
   ASSERT_EQ(cameras.size(), 2u);
-  EXPECT_EQ(cameras[0].width, 10);
-  EXPECT_EQ(cameras[0].height, 20);
-  EXPECT_EQ(cameras[0].sample, 5);
-  EXPECT_EQ(cameras[1].width, 3);
-  EXPECT_EQ(cameras[1].height, 4);
+  EXPECT_EQ(std::tuple(cameras[0].width, cameras[0].height, cameras[0].sample, cameras[1].width, cameras[1].height),
+            std::tuple(10, 20, 5, 3, 4));
 }
 
 TEST_F(SceneDirectory, QuotedStringsAndLongLines) {
@@ -111,9 +105,8 @@ TEST_F(SceneDirectory, QuotedStringsAndLongLines) {
   load();
   ASSERT_EQ(cameras.size(), 1u);
   ASSERT_EQ(cameras[0].aovs.size(), 3u);
-  EXPECT_EQ(cameras[0].aovs[1].image.name, "my renders/depth map.pfm");
-  EXPECT_EQ(cameras[0].aovs[2].image.name, longName);
-  EXPECT_EQ(cameras[0].aovs[2].user_data_name, "uv");
+  EXPECT_EQ(std::tuple(cameras[0].aovs[1].image.name, cameras[0].aovs[2].image.name, cameras[0].aovs[2].user_data_name),
+            std::tuple("my renders/depth map.pfm", longName, "uv"));
   EXPECT_EQ(cameras[0].sample, 3);
 }
 
@@ -128,13 +121,9 @@ TEST_F(SceneDirectory, NumbersThatDoNotParseStopTheirLine) {
   load();
   ASSERT_EQ(cameras.size(), 1u);
   // A failed number reads as 0 and leaves the rest of its line unread.
-  EXPECT_EQ(cameras[0].width, 0);
-  EXPECT_EQ(cameras[0].height, 540);
-  EXPECT_EQ(cameras[0].region.min_x, 1);
-  EXPECT_EQ(cameras[0].region.min_y, 2);
-  EXPECT_EQ(cameras[0].region.max_x, 0);
-  EXPECT_EQ(cameras[0].region.max_y, 1048576);
-  EXPECT_EQ(cameras[0].sample, 6);
+  EXPECT_EQ(std::tuple(cameras[0].width, cameras[0].height, cameras[0].region.min_x, cameras[0].region.min_y),
+            std::tuple(0, 540, 1, 2));
+  EXPECT_EQ(std::tuple(cameras[0].region.max_x, cameras[0].region.max_y, cameras[0].sample), std::tuple(0, 1048576, 6));
   // A key with nothing after it leaves its value alone.
   EXPECT_EQ(cameras[0].ior, 1);
 }

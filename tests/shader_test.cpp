@@ -54,26 +54,21 @@ TEST(ShaderStartup, CreatesTheGreyFallback) {
   freshStartup();
   ASSERT_EQ(shaders.size(), 1u);
   const Shader& s = shaders[0];
-  EXPECT_EQ(s.name, "undefined");
-  EXPECT_EQ(s.enabled, 1);
-  EXPECT_EQ(s.two_sided, 1);
-  EXPECT_EQ(colorOf(0, diffuseChannel, 0), grey);
-  EXPECT_EQ(colorOf(0, diffuseChannel, 1), black);
-  EXPECT_EQ(colorOf(0, clearCoatIorChannel, 0), white);
-  EXPECT_EQ(colorOf(0, clearCoatIorChannel, 1), white);
-  EXPECT_EQ(colorOf(0, normalChannel, 1), Color3f(0, 0, 1));
-  EXPECT_EQ(s.geometry.opacity.color, white);
-  EXPECT_EQ(s.geometry.smooth_angle, -1);
-  EXPECT_EQ(s.geometry.reduction, infinity);
+  EXPECT_EQ(std::tuple(s.name, s.enabled, s.two_sided), std::tuple("undefined", 1, 1));
+  EXPECT_EQ(std::tuple(colorOf(0, diffuseChannel, 0), colorOf(0, diffuseChannel, 1), colorOf(0, normalChannel, 1)),
+            std::tuple(grey, black, Color3f(0, 0, 1)));
+  EXPECT_EQ(std::tuple(colorOf(0, clearCoatIorChannel, 0), colorOf(0, clearCoatIorChannel, 1)),
+            std::tuple(white, white));
+  EXPECT_EQ(std::tuple(s.geometry.opacity.color, s.geometry.smooth_angle, s.geometry.reduction),
+            std::tuple(white, -1, infinity));
   EXPECT_FLOAT_EQ(s.hair.width[2], 0.2f * 1.5707964f);
 
   // A second startup on a live scene finds the same record and resets it.
   qzSetShaderColor(0, 3, diffuseChannel, 1, 0, 0);
   qzAddShader();
   quietStartup();
-  EXPECT_EQ(shaders.size(), 2u);
-  EXPECT_EQ(colorOf(0, diffuseChannel, 0), grey);
-  EXPECT_EQ(colorOf(0, diffuseChannel, 1), black);
+  EXPECT_EQ(std::tuple(shaders.size(), colorOf(0, diffuseChannel, 0), colorOf(0, diffuseChannel, 1)),
+            std::tuple(2u, grey, black));
 }
 
 TEST(ShaderBlock, BlocksReplaceByNameAndSetTheirSides) {
@@ -103,30 +98,25 @@ TEST(ShaderBlock, BlocksReplaceByNameAndSetTheirSides) {
   EXPECT_EQ(findOrAddShader("red"), 1);
   EXPECT_EQ(findOrAddShader("blue"), 2);
   // A later block of the same name replaces the whole of the first.
-  const Shader& red = shaders[1];
-  EXPECT_EQ(red.enabled, 1);
-  EXPECT_EQ(red.geometry_light[0], 0);
-  EXPECT_EQ(colorOf(1, diffuseChannel, 0), black);
-  EXPECT_EQ(colorOf(1, glossyChannel, 0), Color3f(0, 1, 0));
-  EXPECT_EQ(colorOf(1, glossyChannel, 1), Color3f(0, 1, 0));
+  EXPECT_EQ(std::tuple(shaders[1].enabled, shaders[1].geometry_light[0], colorOf(1, diffuseChannel, 0)),
+            std::tuple(1, 0, black));
+  EXPECT_EQ(std::tuple(colorOf(1, glossyChannel, 0), colorOf(1, glossyChannel, 1)),
+            std::tuple(Color3f(0, 1, 0), Color3f(0, 1, 0)));
   // A block without a name replaces the fallback.
-  EXPECT_EQ(shaders[0].name, "undefined");
-  EXPECT_EQ(colorOf(0, diffuseChannel, 0), Color3f(0.5f, 0.5f, 0.5f));
-  EXPECT_EQ(shaders[0].two_sided, 0);
-  EXPECT_EQ(shaders[0].enabled, 1);
-  // Sides of channels and lights.
+  EXPECT_EQ(std::tuple(shaders[0].name, colorOf(0, diffuseChannel, 0), shaders[0].two_sided, shaders[0].enabled),
+            std::tuple("undefined", Color3f(0.5f, 0.5f, 0.5f), 0, 1));
+  // Sides of channels and lights. Without a side key a channel is the front's;
+  // the back keeps its channel defaults.
   const int lamp = findOrAddShader("lamp");
-  EXPECT_EQ(shaders[lamp].geometry_light[0], 1);
-  EXPECT_EQ(shaders[lamp].geometry_light[1], 1);
-  EXPECT_EQ(colorOf(lamp, diffuseChannel, 0), Color3f(0.2f, 0.3f, 0.4f));
-  EXPECT_EQ(colorOf(lamp, diffuseChannel, 1), black);  // no side key: front only
-  EXPECT_EQ(colorOf(lamp, emissionChannel, 0), black);
-  EXPECT_EQ(colorOf(lamp, emissionChannel, 1), Color3f(3, 3, 3));
-  EXPECT_EQ(colorOf(lamp, clearCoatIorChannel, 1), white);  // the back keeps its channel default
-  EXPECT_EQ(colorOf(lamp, specularChannel, 1), white);
+  EXPECT_EQ(std::tuple(shaders[lamp].geometry_light[0], shaders[lamp].geometry_light[1]), std::tuple(1, 1));
+  EXPECT_EQ(std::tuple(colorOf(lamp, diffuseChannel, 0), colorOf(lamp, diffuseChannel, 1)),
+            std::tuple(Color3f(0.2f, 0.3f, 0.4f), black));
+  EXPECT_EQ(std::tuple(colorOf(lamp, emissionChannel, 0), colorOf(lamp, emissionChannel, 1)),
+            std::tuple(black, Color3f(3, 3, 3)));
+  EXPECT_EQ(std::tuple(colorOf(lamp, clearCoatIorChannel, 1), colorOf(lamp, specularChannel, 1)),
+            std::tuple(white, white));
   const Shader& twice = shaders[findOrAddShader("twice")];
-  EXPECT_EQ(twice.geometry_light[0], 1);
-  EXPECT_EQ(twice.geometry_light[1], 1);
+  EXPECT_EQ(std::tuple(twice.geometry_light[0], twice.geometry_light[1]), std::tuple(1, 1));
 }
 
 TEST(ShaderBlock, ScratchNodeKeepsFilterButNotColourBetweenChannels) {
@@ -144,10 +134,8 @@ TEST(ShaderBlock, ScratchNodeKeepsFilterButNotColourBetweenChannels) {
                  "end\n");
   const Shader& s = shaders[findOrAddShader("s")];
   const TextureNode& glossy = channelNode(s, glossyChannel, 0);
-  EXPECT_EQ(glossy.color, black);
-  EXPECT_EQ(glossy.flake.density, 0);
-  EXPECT_EQ(glossy.uvIdentity, 1);
-  EXPECT_EQ(glossy.uv_matrix[0], 1);
+  EXPECT_EQ(std::tuple(glossy.color, glossy.flake.density, glossy.uvIdentity, glossy.uv_matrix[0]),
+            std::tuple(black, 0, 1, 1));
   EXPECT_EQ(channelNode(s, glossyChannel, 1).color, black);  // the side mask went back to front
   EXPECT_EQ(glossy.pixel_sampler, PixelSampler::nearest);
   EXPECT_FLOAT_EQ(glossy.gamma, 2.2f);
@@ -178,9 +166,7 @@ TEST(ShaderBlock, GeometryAndVolumeSubBlocks) {
   EXPECT_EQ(g.vector.size(), 1u);
   EXPECT_EQ(g.radius.size(), 1u);
   EXPECT_EQ(g.length.size(), 0u);
-  EXPECT_EQ(g.primary_visibility, 2);
-  EXPECT_EQ(g.flip_face, 1);
-  EXPECT_EQ(g.automatic_hair_uv, 1);
+  EXPECT_EQ(std::tuple(g.primary_visibility, g.flip_face, g.automatic_hair_uv), std::tuple(2, 1, 1));
   EXPECT_FLOAT_EQ(g.smooth_angle, 30);
   EXPECT_FLOAT_EQ(s.volume.ior, 1.33f);
   EXPECT_EQ(g.height[0].pixel_sampler, PixelSampler::nearest);
@@ -188,18 +174,15 @@ TEST(ShaderBlock, GeometryAndVolumeSubBlocks) {
   prepareShader(s);
   EXPECT_EQ(g.round_corner, 1);
   EXPECT_EQ(g.reduction, 1);  // the default acts as 1
-  EXPECT_EQ(g.height[0].pixel_sampler, PixelSampler::bilinear);
-  EXPECT_EQ(g.opacity.pixel_sampler, PixelSampler::stochastic);
-  EXPECT_EQ(g.opacity_textured, 0);
+  EXPECT_EQ(std::tuple(g.height[0].pixel_sampler, g.opacity.pixel_sampler, g.opacity_textured),
+            std::tuple(PixelSampler::bilinear, PixelSampler::stochastic, 0));
   EXPECT_NEAR(s.volume.sigma, std::log(2.0f), 1e-6);
 }
 
 TEST(ShaderExports, SettersAddressSidesAndChannels) {
   freshStartup();
   const int id = qzAddShader();
-  EXPECT_EQ(id, 1);
-  EXPECT_EQ(shaders[id].enabled, 1);
-  qzSetShaderName(id, "api");
+  EXPECT_EQ(std::tuple(id, shaders[id].enabled), std::tuple(1, 1));
   qzSetShaderColor(id, 2, glossyChannel, 0.1f, 0.2f, 0.3f);
   qzSetShaderGeometryLight(id, 1, true);
   qzSetShaderShift(id, 3, normalChannel, 1, 0.25f, 0.5f, 0.75f);
@@ -210,36 +193,28 @@ TEST(ShaderExports, SettersAddressSidesAndChannels) {
   qzSetShaderVisibility(id, 257);
 
   const Shader& s = shaders[id];
-  EXPECT_EQ(findOrAddShader("api"), id);
-  EXPECT_EQ(colorOf(id, glossyChannel, 0), black);
-  EXPECT_EQ(colorOf(id, glossyChannel, 1), Color3f(0.1f, 0.2f, 0.3f));
-  EXPECT_EQ(s.geometry_light[0], 1);
-  EXPECT_EQ(s.geometry_light[1], 0);
+  EXPECT_EQ(std::tuple(colorOf(id, glossyChannel, 0), colorOf(id, glossyChannel, 1)),
+            std::tuple(black, Color3f(0.1f, 0.2f, 0.3f)));
+  EXPECT_EQ(std::tuple(s.geometry_light[0], s.geometry_light[1]), std::tuple(1, 0));
   for (int side = 0; side < 2; ++side) {
     const float* shift = channelNode(s, normalChannel, side).shift[1];
-    EXPECT_EQ(shift[0], 0.75f);  // c goes first, a second, b third
-    EXPECT_EQ(shift[1], 0.25f);
-    EXPECT_EQ(shift[2], 0.5f);
+    // c goes first, a second, b third
+    EXPECT_EQ(std::tuple(shift[0], shift[1], shift[2]), std::tuple(0.75f, 0.25f, 0.5f));
   }
   // The flake and stone setters take their values in an order of their own.
   const FlakeLayer& flake = channelNode(s, diffuseChannel, 0).flake;
-  EXPECT_EQ(flake.scale, 0.01f);
-  EXPECT_EQ(flake.density, 0.3f);
-  EXPECT_EQ(flake.depth, 0.02f);
+  EXPECT_EQ(std::tuple(flake.scale, flake.density, flake.depth), std::tuple(0.01f, 0.3f, 0.02f));
   const StoneLayer& stone = channelNode(s, diffuseChannel, 1).stone;
-  EXPECT_EQ(stone.scale, 4);
-  EXPECT_EQ(stone.density, 0.7f);
+  EXPECT_EQ(std::tuple(stone.scale, stone.density), std::tuple(4, 0.7f));
   const TextureNode& rough = channelNode(s, roughnessChannel, 0);
-  EXPECT_EQ(rough.imageName, "r.png");
-  EXPECT_EQ(rough.uv_matrix[0], 2);
-  EXPECT_EQ(rough.uvIdentity, 1);  // the flag stays: only a scene key clears it
-  EXPECT_EQ(rough.color_matrix.m[0], 1);
+  // The identity flag stays: only a scene key clears it.
+  EXPECT_EQ(std::tuple(rough.imageName, rough.uv_matrix[0], rough.uvIdentity, rough.color_matrix.m[0]),
+            std::tuple("r.png", 2, 1, 1));
   EXPECT_EQ(s.geometry.primary_visibility, 1);  // truncated to a byte
 
   // A name nobody defined is added but stays disabled.
   const int later = findOrAddShader("later");
-  EXPECT_EQ(later, 2);
-  EXPECT_EQ(shaders[later].enabled, 0);
+  EXPECT_EQ(std::tuple(later, shaders[later].enabled), std::tuple(2, 0));
 }
 
 namespace {
@@ -322,13 +297,9 @@ TEST(ShaderPreparation, SideFlagsAndTheOnceOnlyGuard) {
   qzSetShaderImage(id, 2, normalChannel, "lost.png", 1, nullptr, nullptr);
   captureOutput([&] { prepareShader(shaders[id]); });
   const Shader& s = shaders[id];
-  EXPECT_EQ(s.emissive[0], 0);
-  EXPECT_EQ(s.emissive[1], 1);
-  EXPECT_EQ(s.jittered[0], 1);
-  EXPECT_EQ(s.jittered[1], 1);
-  EXPECT_EQ(s.diffuse_present[0], 0);
-  EXPECT_EQ(s.diffuse_present[1], 1);
-  EXPECT_EQ(s.normal_mapped[0], 1);
+  EXPECT_EQ(std::tuple(s.emissive[0], s.emissive[1], s.jittered[0], s.jittered[1], s.diffuse_present[0]),
+            std::tuple(0, 1, 1, 1, 0));
+  EXPECT_EQ(std::tuple(s.diffuse_present[1], s.normal_mapped[0]), std::tuple(1, 1));
   EXPECT_EQ(s.normal_mapped[1], 0);  // colour (0, 0, 1) but its image failed
 
   // Parameters after preparation change nothing until the record is reset.
@@ -336,9 +307,7 @@ TEST(ShaderPreparation, SideFlagsAndTheOnceOnlyGuard) {
   prepareShader(shaders[id]);
   EXPECT_EQ(s.emissive[0], 0);
   resetShader(shaders[id]);
-  EXPECT_EQ(s.prepared, 0);
-  EXPECT_EQ(s.enabled, 0);
-  EXPECT_EQ(s.name, "undefined");
+  EXPECT_EQ(std::tuple(s.prepared, s.enabled, s.name), std::tuple(0, 0, "undefined"));
   EXPECT_EQ(colorOf(id, emissionChannel, 0), black);
   EXPECT_EQ(colorOf(id, normalChannel, 0), Color3f(0, 0, 1));
   EXPECT_EQ(channelNode(s, normalChannel, 0).imageName, "");

@@ -86,9 +86,8 @@ TEST_F(SmoothMeshTest, TheAngleFreesKeepsSplitsOrSharesTheCubesCorners) {
   }
   const Mesh before = given;
   smoothMesh(given);
-  EXPECT_EQ(given.normals, before.normals);
-  EXPECT_EQ(given.tangents, before.tangents);
-  EXPECT_EQ(given.tetragons[3].i2, before.tetragons[3].i2);
+  EXPECT_EQ(std::tuple(given.normals, given.tangents, given.tetragons[3].i2),
+            std::tuple(before.normals, before.tangents, before.tetragons[3].i2));
 
   // A small angle splits the corners: each face has its four vertices, all
   // with the face's own normal.

@@ -56,6 +56,22 @@ void expectColorNear(Color3f c, Color3f expected, float tolerance) {
   EXPECT_NEAR(c.b, expected.b, tolerance);
 }
 
+size_t occurrences(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+Image colourImage(int width, int height, const std::function<Color3f(float u, float v)>& color) {
+  Image image;
+  allocateImage(image, width, height, 3, 32, 0);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
+      writePixel(image, color((float(x) + 0.5f) / float(width), (float(y) + 0.5f) / float(height)),
+                 int64_t(y) * width + x);
+  return image;
+}
+
 void expectVecNear(Vec3f v, Vec3f expected, float tolerance) {
   EXPECT_NEAR(v.x, expected.x, tolerance);
   EXPECT_NEAR(v.y, expected.y, tolerance);

@@ -81,16 +81,11 @@ TEST(TextureNodeBlock, ReadsKeysSamplerAndLayers) {
       "side \"inner\"\n"
       "end\n"
       "color 9 9 9\n");
-  EXPECT_EQ(node.color, Color3f(0.5f, 0.25f, 2));
-  EXPECT_EQ(node.level, 3);
-  EXPECT_EQ(node.imageName, "wood grain.png");
-  EXPECT_EQ(node.pixel_sampler, PixelSampler::bilinear);
+  EXPECT_EQ(std::tuple(node.color, node.level, node.imageName, node.pixel_sampler),
+            std::tuple(Color3f(0.5f, 0.25f, 2), 3, "wood grain.png", PixelSampler::bilinear));
   EXPECT_FLOAT_EQ(node.gamma, 2.2f);
-  EXPECT_EQ(node.uvIdentity, 0);
-  EXPECT_EQ(node.colorIdentity, 1);
-  EXPECT_EQ(node.uv_matrix[0], 2);
-  EXPECT_EQ(node.uv_matrix[4], 2);
-  EXPECT_EQ(node.flake.color, Color3f(1, 1, 0));
+  EXPECT_EQ(std::tuple(node.uvIdentity, node.colorIdentity, node.uv_matrix[0], node.uv_matrix[4], node.flake.color),
+            std::tuple(0, 1, 2, 2, Color3f(1, 1, 0)));
   EXPECT_FLOAT_EQ(node.flake.density, 0.3f);
   EXPECT_FLOAT_EQ(node.flake.scale, 0.01f);
   EXPECT_FLOAT_EQ(node.flake.depth, 0.02f);
@@ -120,20 +115,14 @@ TEST(TextureNodeBlock, SideWordsAndSamplerWords) {
 
 TEST(TextureNodeBlock, DefaultsAndReset) {
   TextureNode node;
-  EXPECT_EQ(node.pixel_sampler, PixelSampler::stochastic);
-  EXPECT_EQ(node.level, 1);
-  EXPECT_EQ(node.image, -1);
+  EXPECT_EQ(std::tuple(node.pixel_sampler, node.level, node.image), std::tuple(PixelSampler::stochastic, 1, -1));
   node = readNode(
       "color 1 2 3\nlevel 4\nimage \"a.png\"\nside \"both\"\nflake\ndensity 1\nend\n"
       "sampler\nuv_matrix 3 0 0 0 3 0 0 0 1\nend\n");
   node.shift[1][2] = 0.5f;
   resetNode(node);
-  EXPECT_EQ(node.color, black);
-  EXPECT_EQ(node.level, 1);
-  EXPECT_EQ(node.side, 1);
-  EXPECT_EQ(node.imageName, "");
-  EXPECT_EQ(node.flake.density, 0);
-  EXPECT_EQ(node.shift[1][2], 0);
+  EXPECT_EQ(std::tuple(node.color, node.level, node.side, node.imageName, node.flake.density, node.shift[1][2]),
+            std::tuple(black, 1, 1, "", 0, 0));
   EXPECT_EQ(node.uv_matrix[0], 3);  // the matrices are left alone
 }
 
@@ -195,16 +184,12 @@ TEST_F(TextureNodeImage, VectorAndNormalFromTheImage) {
   const Color3f c = texel(0, 3);
   const Vec3f d{(c.r - 0.5f) * 2, (c.g - 0.5f) * 2, c.b - 0.5f};
   const Vec3f v = evaluateVector(node, surfaceWithUv(0.125f, 0.875f));
-  EXPECT_NEAR(v.x, d.x, 1e-6);
-  EXPECT_NEAR(v.y, d.y, 1e-6);
-  EXPECT_NEAR(v.z, d.z, 1e-6);
+  expectVecNear(v, d, 1e-6);
 
   Surface s = surfaceWithUv(0.125f, 0.875f);
   applyNormalNode(node, s);
   const Vec3f n = normalize(d);
-  EXPECT_NEAR(s.normal.x, n.x, 1e-6);
-  EXPECT_NEAR(s.normal.y, n.y, 1e-6);
-  EXPECT_NEAR(s.normal.z, n.z, 1e-6);
+  expectVecNear(s.normal, n, 1e-6);
   EXPECT_NEAR(dot(s.tangent, s.normal), 0, 1e-6);
   EXPECT_NEAR(dot(s.bitangent, s.normal), 0, 1e-6);
   EXPECT_NEAR(length(s.tangent), 1, 1e-6);
@@ -251,8 +236,6 @@ TEST(TextureNode, FlakeOverridesColourAndTiltsTheNormal) {
   Vec3f want = normalize(Vec3f{f.x, f.y, f.z + 1});
   if (want.z < 0) want = -want;
   applyNormalNode(node, s);
-  EXPECT_NEAR(s.normal.x, want.x, 1e-6);
-  EXPECT_NEAR(s.normal.y, want.y, 1e-6);
-  EXPECT_NEAR(s.normal.z, want.z, 1e-6);
+  expectVecNear(s.normal, want, 1e-6);
   EXPECT_GE(dot(s.normal, s.geometric_normal), 0);
 }
